@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Runs every benchmark program of a build folder, one after the other.
+set -euo pipefail
+build=${1:-build/release}
+found=0
+for bench in "$build"/bench/bench_*; do
+  [ -x "$bench" ] || continue
+  found=1
+  echo "=== $(basename "$bench")"
+  "$bench" --benchmark_min_time=0.2
+done
+[ "$found" -eq 1 ] || { echo "bench: no benchmark programs in $build/bench" >&2; exit 1; }
