@@ -5,5 +5,12 @@
 #include "dm_export.h"
 #include "dm_list.h"
 #include "dm_poller.h"
+#include "dm_msg.h"
+#include "dm_loop.h"
+#include "hash_table.h"
+#include "vos_osal.h"
+#include "vos_sm.h"
+#include "vos_queue.h"
+#include "vos_task.h"
 
 #endif /* VELMAR_SASTOX_H */

@@ -1,0 +1,6 @@
+#include "c_api.h"
+#include "velmar_sastox.h"
+
+void check_queue(void)
+{
+}
