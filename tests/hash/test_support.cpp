@@ -1,0 +1,139 @@
+#include "hash/test_support.h"
+
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+
+#include "host_platform.h"
+
+namespace velmar::test {
+
+void FaultPoint::arm(int nth, int code, bool persistent)
+{
+    armed_.store(false);
+    nth_.store(nth);
+    code_.store(code);
+    persistent_.store(persistent);
+    seen_.store(0);
+    armed_.store(true);
+}
+
+void FaultPoint::disarm()
+{
+    armed_.store(false);
+    seen_.store(0);
+}
+
+bool FaultPoint::trip(int &code)
+{
+    const int index = seen_.fetch_add(1);
+    if (!armed_.load()) {
+        return false;
+    }
+    const int nth = nth_.load();
+    if (index < nth || (!persistent_.load() && index != nth)) {
+        return false;
+    }
+    code = code_.load();
+    return true;
+}
+
+namespace {
+std::atomic<bool> g_clock_jumps{false};
+std::atomic<int64_t> g_clock_jump_count{0};
+constexpr int64_t kClockJumpSeconds = 4; // more than the limiter's 3000 ms window
+} // namespace
+
+LogCapture::LogCapture()
+{
+    host_dlog_set_sink(&LogCapture::sink, this);
+    g_clock_jumps.store(true);
+}
+
+LogCapture::~LogCapture()
+{
+    g_clock_jumps.store(false);
+    host_dlog_set_sink(nullptr, nullptr);
+}
+
+void LogCapture::sink(int /*level*/, const char *line, void *ctx)
+{
+    auto *self = static_cast<LogCapture *>(ctx);
+    std::lock_guard lock(self->mutex_);
+    self->lines_.emplace_back(line);
+}
+
+std::vector<std::string> LogCapture::lines() const
+{
+    std::lock_guard lock(mutex_);
+    return lines_;
+}
+
+size_t LogCapture::count_ending_with(const std::string &suffix) const
+{
+    size_t count = 0;
+    for (const auto &line : lines()) {
+        if (line.size() >= suffix.size() &&
+            line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+std::string LogCapture::dump() const
+{
+    std::string out;
+    for (const auto &line : lines()) {
+        out += "  " + line + (line.empty() || line.back() != '\n' ? "\n" : "");
+    }
+    return out.empty() ? "  (no lines)\n" : out;
+}
+
+FaultPoint g_malloc_fault;
+
+} // namespace velmar::test
+
+// The library's rate limiter reads the wall clock through gettimeofday. While a
+// LogCapture is alive every reading lies kClockJumpSeconds further ahead than the last.
+extern "C" int gettimeofday(struct timeval *__restrict tv, void *__restrict /*tz*/) __THROW
+{
+    using namespace velmar::test;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (g_clock_jumps.load()) {
+        now.tv_sec += kClockJumpSeconds * g_clock_jump_count.fetch_add(1);
+    }
+    tv->tv_sec = now.tv_sec;
+    tv->tv_usec = now.tv_nsec / 1000;
+    return 0;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VELMAR_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VELMAR_TEST_SANITIZED 1
+#endif
+#endif
+
+#ifdef VELMAR_TEST_SANITIZED
+const bool velmar::test::kMallocReplaceable = false;
+#else
+const bool velmar::test::kMallocReplaceable = true;
+
+extern "C" void *__libc_malloc(size_t size);
+
+// Forwards to glibc's allocator, so free() of these blocks stays correct.
+extern "C" void *malloc(size_t size) noexcept
+{
+    int code = 0;
+    if (velmar::test::g_malloc_fault.trip(code)) {
+        errno = code;
+        return nullptr;
+    }
+    return __libc_malloc(size);
+}
+#endif
