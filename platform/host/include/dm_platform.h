@@ -20,7 +20,8 @@ extern "C" {
 #define DM_PLATFORM_API __attribute__((visibility("default")))
 
 /* ---- Bounds-checked memory and string functions -------------------------------------
- * None of them writes at or past dest + dest_max. Failure codes (see host_securec.h). */
+ * None of them writes at or past dest + dest_max. The host layer's failure codes, and
+ * what a failure leaves in the destination, are listed in host_platform.h. */
 DM_PLATFORM_API int memset_s(void *dest, size_t dest_max, int c, size_t count);
 DM_PLATFORM_API int memcpy_s(void *dest, size_t dest_max, const void *src, size_t count);
 DM_PLATFORM_API int memmove_s(void *dest, size_t dest_max, const void *src, size_t count);
@@ -31,7 +32,10 @@ DM_PLATFORM_API int sprintf_s(char *dest, size_t dest_max, const char *format, .
     __attribute__((format(printf, 3, 4)));
 
 /* ---- Device log service ------------------------------------------------------------
- * Levels: 0 debug, 1 info, 2 warning, 3 error. */
+ * Levels: 0 debug, 1 info, 2 warning, 3 error. Any thread may call these; each line is
+ * written whole. On the host the enabled level comes from VELMAR_LOG_LEVEL and lines go
+ * to standard error or VELMAR_LOG_FILE (see docs/host-platform.md). The Dlog functions
+ * leave errno unchanged. */
 DM_PLATFORM_API int CheckLogLevel(int module_id, int level); /* 1 when enabled */
 DM_PLATFORM_API void DlogErrorInner(int module_id, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
@@ -42,7 +46,9 @@ DM_PLATFORM_API void DlogInfoInner(int module_id, const char *fmt, ...)
 DM_PLATFORM_API void DlogDebugInner(int module_id, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
-/* ---- Platform adapter --------------------------------------------------------------- */
+/* ---- Platform adapter ---------------------------------------------------------------
+ * Thread and mutex functions return 0 or an errno value (EINVAL for a null argument);
+ * the file functions return what the system call returns, with errno set on -1. */
 typedef pthread_t mmThread;
 typedef pthread_mutex_t mmMutex_t;
 typedef struct {
@@ -69,16 +75,19 @@ DM_PLATFORM_API int mmCreateTask(mmThread *thread, mmUserBlock_t *block);
  * privilege), so that the caller can fall back to mmCreateTask. */
 DM_PLATFORM_API int mmCreateTaskWithThreadAttr(mmThread *thread, const mmUserBlock_t *block,
                                                const mmThreadAttr *attr);
+/* Names the calling thread; longer names are cut to their first 15 characters. */
 DM_PLATFORM_API int mmSetCurrentThreadName(const char *name);
 DM_PLATFORM_API int mmMutexLock(mmMutex_t *m);
 DM_PLATFORM_API int mmMutexUnLock(mmMutex_t *m);
 DM_PLATFORM_API int mmMutexDestroy(mmMutex_t *m);
 DM_PLATFORM_API mmTimespec mmGetTickCount(void); /* CLOCK_MONOTONIC */
+/* Sleeps at least `ms` milliseconds, resuming after signals. */
 DM_PLATFORM_API int mmSleep(unsigned int ms);
+/* One read() / write(): a short count or EINTR is the caller's to handle. */
 DM_PLATFORM_API ssize_t mmReadFile(int fd, void *buf, unsigned int len);        /* count or -1 */
 DM_PLATFORM_API ssize_t mmWriteFile(int fd, const void *buf, unsigned int len); /* count or -1 */
 DM_PLATFORM_API int mmCloseFile(int fd);
-DM_PLATFORM_API int mmSocket(int domain, int type, int protocol);
+DM_PLATFORM_API int mmSocket(int domain, int type, int protocol); /* descriptor or -1 */
 
 /* ---- Device HAL: HDC channel (host simulator) ----------------------------------------- */
 typedef void *HDC_SERVER;

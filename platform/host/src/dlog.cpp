@@ -142,7 +142,6 @@ std::string line_prefix(int level, int module_id)
 
 void write_whole(int fd, const std::string &line)
 {
-    const int saved_errno = errno; // logging must not disturb the caller's errno
     size_t done = 0;
     while (done < line.size()) {
         const ssize_t n = write(fd, line.data() + done, line.size() - done);
@@ -154,7 +153,6 @@ void write_whole(int fd, const std::string &line)
         }
         done += static_cast<size_t>(n);
     }
-    errno = saved_errno;
 }
 
 // Returns true when a sink took the line.
@@ -177,20 +175,21 @@ __attribute__((format(printf, 3, 0))) void emit(int level, int module_id, const 
     if (!level_enabled(level)) {
         return;
     }
+    const int saved_errno = errno; // logging must not disturb the caller's errno
     try {
         const std::string message = format_message(fmt, args);
-        if (deliver_to_sink(level, message)) {
-            return;
+        if (!deliver_to_sink(level, message)) {
+            std::string line = line_prefix(level, module_id);
+            line += message;
+            if (line.back() != '\n') {
+                line += '\n';
+            }
+            write_whole(config().fd, line);
         }
-        std::string line = line_prefix(level, module_id);
-        line += message;
-        if (line.empty() || line.back() != '\n') {
-            line += '\n';
-        }
-        write_whole(config().fd, line);
     } catch (...) {
         // Out of memory while logging: the line is lost, the caller must not be.
     }
+    errno = saved_errno;
 }
 
 } // namespace
