@@ -1,186 +1,112 @@
-// Bounds-checked functions: every result code, what each failure leaves in the
-// destination, and that no byte outside [dest, dest + dest_max) is ever touched.
+// Bounds-checked functions: result codes, what a failure leaves in the destination, and
+// that no byte outside [dest, dest + dest_max) is touched (guard zones on both sides).
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <functional>
 #include <string>
-#include <vector>
 
 #include "host_platform.h"
 
 namespace {
 
-constexpr unsigned char kGuard = 0xA5;
-constexpr size_t kGuardLen = 16;
+constexpr size_t kGuard = 16;
+constexpr size_t kSize = 8;
+const char kSrc[] = "0123456789abcdef";
 
-// A destination of `size` bytes (pre-filled with `fill`) between two guard zones.
-class Guarded {
-public:
-    explicit Guarded(size_t size, unsigned char fill = 'x')
-        : size_(size), bytes_(size + 2 * kGuardLen, kGuard)
-    {
-        std::memset(dest(), fill, size);
-    }
-    char *dest() { return reinterpret_cast<char *>(bytes_.data() + kGuardLen); }
-    size_t size() const { return size_; }
+struct Guarded {
+    std::array<char, kSize + 2 * kGuard> bytes;
+    Guarded() { bytes.fill('#'); std::memset(dest(), 'x', kSize); }
+    char *dest() { return bytes.data() + kGuard; }
+    std::string content() const { return std::string(bytes.data() + kGuard, kSize); }
     bool guards_intact() const
     {
-        for (size_t i = 0; i < bytes_.size(); ++i) {
-            const bool inside = i >= kGuardLen && i < kGuardLen + size_;
-            if (!inside && bytes_[i] != kGuard) {
-                return false;
-            }
-        }
-        return true;
+        const std::string all(bytes.data(), bytes.size());
+        return all.substr(0, kGuard) == std::string(kGuard, '#') &&
+               all.substr(kGuard + kSize) == std::string(kGuard, '#');
     }
-    bool all(unsigned char value) const
-    {
-        for (size_t i = 0; i < size_; ++i) {
-            if (bytes_[kGuardLen + i] != value) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-private:
-    size_t size_;
-    std::vector<unsigned char> bytes_;
 };
-
-const char kSrc[] = "0123456789abcdefghijklmnopqrstuvwxyz";
 
 TEST(Securec, SuccessfulCallsWriteExactlyWhatWasAsked)
 {
-    Guarded a(16);
-    EXPECT_EQ(memset_s(a.dest(), a.size(), 0, a.size()), HOST_SEC_OK);
-    EXPECT_TRUE(a.all(0));
-    EXPECT_EQ(memcpy_s(a.dest(), a.size(), kSrc, 16), HOST_SEC_OK);
-    EXPECT_EQ(std::memcmp(a.dest(), kSrc, 16), 0);
-    EXPECT_EQ(memset_s(a.dest(), a.size(), 'q', 0), HOST_SEC_OK);
-    EXPECT_EQ(a.dest()[0], '0');
-
-    // memmove_s must handle overlap in both directions.
-    EXPECT_EQ(memmove_s(a.dest() + 2, a.size() - 2, a.dest(), 10), HOST_SEC_OK);
-    EXPECT_EQ(std::string(a.dest(), 12), "010123456789");
-    EXPECT_EQ(memmove_s(a.dest(), a.size(), a.dest() + 2, 10), HOST_SEC_OK);
-    EXPECT_EQ(std::string(a.dest(), 10), "0123456789");
-
-    Guarded s(8);
-    EXPECT_EQ(strcpy_s(s.dest(), s.size(), "1234567"), HOST_SEC_OK); // exact fit
-    EXPECT_STREQ(s.dest(), "1234567");
-    EXPECT_EQ(strncpy_s(s.dest(), s.size(), kSrc, 3), HOST_SEC_OK);
-    EXPECT_STREQ(s.dest(), "012");
-    EXPECT_EQ(strncpy_s(s.dest(), s.size(), "ab", 8), HOST_SEC_OK); // short source
-    EXPECT_STREQ(s.dest(), "ab");
-    EXPECT_TRUE(a.guards_intact());
-    EXPECT_TRUE(s.guards_intact());
+    Guarded g;
+    EXPECT_EQ(memcpy_s(g.dest(), kSize, kSrc, kSize), HOST_SEC_OK);
+    EXPECT_EQ(g.content(), "01234567");
+    EXPECT_EQ(memmove_s(g.dest() + 2, kSize - 2, g.dest(), 5), HOST_SEC_OK); // forwards
+    EXPECT_EQ(g.content(), "01012347");
+    EXPECT_EQ(memmove_s(g.dest(), kSize, g.dest() + 2, 5), HOST_SEC_OK); // backwards
+    EXPECT_EQ(g.content(), "01234347");
+    EXPECT_EQ(memcpy_s(g.dest(), 4, g.dest() + 4, 4), HOST_SEC_OK); // adjacent, no overlap
+    EXPECT_EQ(g.content(), "43474347");
+    EXPECT_EQ(memset_s(g.dest(), kSize, 'z', 0), HOST_SEC_OK);
+    EXPECT_EQ(memset_s(g.dest(), kSize, 'm', kSize), HOST_SEC_OK);
+    EXPECT_EQ(g.content(), "mmmmmmmm");
+    EXPECT_EQ(strcpy_s(g.dest(), kSize, "1234567"), HOST_SEC_OK); // exact fit
+    EXPECT_STREQ(g.dest(), "1234567");
+    EXPECT_EQ(strncpy_s(g.dest(), kSize, kSrc, 3), HOST_SEC_OK);
+    EXPECT_STREQ(g.dest(), "012");
+    EXPECT_EQ(strncpy_s(g.dest(), kSize, "ab", kSize), HOST_SEC_OK); // source shorter than count
+    EXPECT_STREQ(g.dest(), "ab");
+    // No terminator within `count` bytes: the address sanitizer reports any read past them.
+    const std::string unterminated(4, 'u');
+    EXPECT_EQ(strncpy_s(g.dest(), kSize, unterminated.data(), 4), HOST_SEC_OK);
+    EXPECT_STREQ(g.dest(), "uuuu");
+    EXPECT_EQ(sprintf_s(g.dest(), kSize, "%s-%d", "ab", 1234), 7); // exact fit
+    EXPECT_STREQ(g.dest(), "ab-1234");
+    EXPECT_TRUE(g.guards_intact());
 }
 
-TEST(Securec, StrncpyReadsNoMoreThanCountFromTheSource)
-{
-    // No terminator within the source's own bytes: reading past count would be a
-    // heap overflow that the address sanitizer reports.
-    std::vector<char> unterminated(4, 'z');
-    Guarded s(8);
-    EXPECT_EQ(strncpy_s(s.dest(), s.size(), unterminated.data(), unterminated.size()),
-              HOST_SEC_OK);
-    EXPECT_STREQ(s.dest(), "zzzz");
-}
+enum class Leaves { Untouched, Zeroed, EmptyString, FilledWithM };
 
-TEST(Securec, UnusableDestMaxWritesNothing)
+TEST(Securec, FailuresReturnTheirCodeAndLeaveTheDocumentedDestination)
 {
-    for (const size_t bad : {size_t{0}, size_t{HOST_SEC_MAX_DEST} + 1}) {
-        Guarded g(8);
-        EXPECT_EQ(memset_s(g.dest(), bad, 0, 1), HOST_SEC_ERANGE);
-        EXPECT_EQ(memcpy_s(g.dest(), bad, kSrc, 1), HOST_SEC_ERANGE);
-        EXPECT_EQ(memmove_s(g.dest(), bad, kSrc, 1), HOST_SEC_ERANGE);
-        EXPECT_EQ(strncpy_s(g.dest(), bad, kSrc, 1), HOST_SEC_ERANGE);
-        EXPECT_EQ(strcpy_s(g.dest(), bad, "a"), HOST_SEC_ERANGE);
-        EXPECT_EQ(sprintf_s(g.dest(), bad, "%d", 1), -1);
-        EXPECT_TRUE(g.all('x')) << "dest_max " << bad;
+    using Call = std::function<int(char *)>;
+    constexpr size_t kHuge = size_t{HOST_SEC_MAX_DEST} + 1;
+    const struct {
+        const char *what;
+        Call call;
+        int rc;
+        Leaves leaves;
+    } cases[] = {
+        {"memset_s dest_max 0", [](char *d) { return memset_s(d, 0, 0, 0); }, HOST_SEC_ERANGE, Leaves::Untouched},
+        {"memcpy_s huge dest_max", [](char *d) { return memcpy_s(d, kHuge, kSrc, 1); }, HOST_SEC_ERANGE, Leaves::Untouched},
+        {"memmove_s huge dest_max", [](char *d) { return memmove_s(d, kHuge, kSrc, 1); }, HOST_SEC_ERANGE, Leaves::Untouched},
+        {"strncpy_s huge dest_max", [](char *d) { return strncpy_s(d, kHuge, kSrc, 1); }, HOST_SEC_ERANGE, Leaves::Untouched},
+        {"strcpy_s dest_max 0", [](char *d) { return strcpy_s(d, 0, "a"); }, HOST_SEC_ERANGE, Leaves::Untouched},
+        {"sprintf_s dest_max 0", [](char *d) { return sprintf_s(d, 0, "a"); }, -1, Leaves::Untouched},
+        {"memcpy_s null src", [](char *d) { return memcpy_s(d, kSize, nullptr, 1); }, HOST_SEC_EINVAL, Leaves::Zeroed},
+        {"memmove_s null src", [](char *d) { return memmove_s(d, kSize, nullptr, 1); }, HOST_SEC_EINVAL, Leaves::Zeroed},
+        {"strncpy_s null src", [](char *d) { return strncpy_s(d, kSize, nullptr, 1); }, HOST_SEC_EINVAL, Leaves::EmptyString},
+        {"strcpy_s null src", [](char *d) { return strcpy_s(d, kSize, nullptr); }, HOST_SEC_EINVAL, Leaves::EmptyString},
+        {"memset_s count > dest_max", [](char *d) { return memset_s(d, kSize, 'm', kSize + 1); }, HOST_SEC_ERANGE, Leaves::FilledWithM},
+        {"memcpy_s count > dest_max", [](char *d) { return memcpy_s(d, kSize, kSrc, kSize + 1); }, HOST_SEC_ERANGE, Leaves::Zeroed},
+        {"memmove_s count > dest_max", [](char *d) { return memmove_s(d, kSize, kSrc, kSize + 1); }, HOST_SEC_ERANGE, Leaves::Zeroed},
+        {"strncpy_s count > dest_max", [](char *d) { return strncpy_s(d, kSize, "a", kSize + 1); }, HOST_SEC_ERANGE, Leaves::EmptyString},
+        {"memcpy_s overlap", [](char *d) { return memcpy_s(d + 1, kSize - 1, d, 4); }, HOST_SEC_EOVERLAP, Leaves::Untouched},
+        {"strncpy_s overlap", [](char *d) { return strncpy_s(d, kSize, d + 2, 3); }, HOST_SEC_EOVERLAP, Leaves::Untouched},
+        {"strcpy_s too long", [](char *d) { return strcpy_s(d, kSize, "12345678"); }, HOST_SEC_ETRUNC, Leaves::EmptyString},
+        {"strncpy_s too long", [](char *d) { return strncpy_s(d, kSize, kSrc, kSize); }, HOST_SEC_ETRUNC, Leaves::EmptyString},
+        {"sprintf_s too long", [](char *d) { return sprintf_s(d, kSize, "%d", 12345678); }, -1, Leaves::EmptyString},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        Guarded g;
+        EXPECT_EQ(c.call(g.dest()), c.rc);
+        switch (c.leaves) {
+        case Leaves::Untouched: EXPECT_EQ(g.content(), std::string(kSize, 'x')); break;
+        case Leaves::Zeroed: EXPECT_EQ(g.content(), std::string(kSize, '\0')); break;
+        case Leaves::EmptyString: EXPECT_EQ(g.content()[0], '\0'); break;
+        case Leaves::FilledWithM: EXPECT_EQ(g.content(), std::string(kSize, 'm')); break;
+        }
         EXPECT_TRUE(g.guards_intact());
     }
-}
-
-TEST(Securec, NullPointersFailAndANullSourceClearsTheDestination)
-{
-    EXPECT_EQ(memset_s(nullptr, 8, 0, 1), HOST_SEC_EINVAL);
-    EXPECT_EQ(memcpy_s(nullptr, 8, kSrc, 1), HOST_SEC_EINVAL);
-    EXPECT_EQ(memmove_s(nullptr, 8, kSrc, 1), HOST_SEC_EINVAL);
-    EXPECT_EQ(strncpy_s(nullptr, 8, kSrc, 1), HOST_SEC_EINVAL);
-    EXPECT_EQ(strcpy_s(nullptr, 8, kSrc), HOST_SEC_EINVAL);
-    EXPECT_EQ(sprintf_s(nullptr, 8, "x"), -1);
-
-    Guarded g(8);
-    EXPECT_EQ(memcpy_s(g.dest(), g.size(), nullptr, 1), HOST_SEC_EINVAL);
-    EXPECT_TRUE(g.all(0));
-    std::memset(g.dest(), 'x', g.size());
-    EXPECT_EQ(memmove_s(g.dest(), g.size(), nullptr, 1), HOST_SEC_EINVAL);
-    EXPECT_TRUE(g.all(0));
-    for (auto call : {+[](char *d, size_t n) { return strcpy_s(d, n, nullptr); },
-                      +[](char *d, size_t n) { return strncpy_s(d, n, nullptr, 2); }}) {
-        std::memset(g.dest(), 'x', g.size());
-        EXPECT_EQ(call(g.dest(), g.size()), HOST_SEC_EINVAL);
-        EXPECT_EQ(g.dest()[0], '\0');
-    }
-    EXPECT_TRUE(g.guards_intact());
-}
-
-TEST(Securec, CountAboveDestMaxStopsAtDestMax)
-{
-    Guarded g(8);
-    EXPECT_EQ(memset_s(g.dest(), g.size(), 'm', 9), HOST_SEC_ERANGE);
-    EXPECT_TRUE(g.all('m'));
-    EXPECT_EQ(memcpy_s(g.dest(), g.size(), kSrc, 9), HOST_SEC_ERANGE);
-    EXPECT_TRUE(g.all(0));
-    std::memset(g.dest(), 'x', g.size());
-    EXPECT_EQ(memmove_s(g.dest(), g.size(), kSrc, 9), HOST_SEC_ERANGE);
-    EXPECT_TRUE(g.all(0));
-    std::memset(g.dest(), 'x', g.size());
-    EXPECT_EQ(strncpy_s(g.dest(), g.size(), "ab", 9), HOST_SEC_ERANGE);
-    EXPECT_EQ(g.dest()[0], '\0');
-    EXPECT_TRUE(g.guards_intact());
-}
-
-TEST(Securec, OverlapIsRefusedByTheCopiesThatCannotHandleIt)
-{
-    Guarded g(16);
-    std::memcpy(g.dest(), kSrc, 16);
-    EXPECT_EQ(memcpy_s(g.dest() + 4, 12, g.dest(), 8), HOST_SEC_EOVERLAP);
-    EXPECT_EQ(memcpy_s(g.dest(), 16, g.dest() + 7, 8), HOST_SEC_EOVERLAP);
-    EXPECT_EQ(std::memcmp(g.dest(), kSrc, 16), 0) << "nothing may be written on overlap";
-    // Adjacent but disjoint ranges are not an overlap.
-    EXPECT_EQ(memcpy_s(g.dest(), 8, g.dest() + 8, 8), HOST_SEC_OK);
-    EXPECT_EQ(std::memcmp(g.dest(), kSrc + 8, 8), 0);
-
-    std::strcpy(g.dest(), "abcdef");
-    EXPECT_EQ(strcpy_s(g.dest() + 2, 14, g.dest()), HOST_SEC_EOVERLAP);
-    EXPECT_EQ(strncpy_s(g.dest(), 16, g.dest() + 1, 4), HOST_SEC_EOVERLAP);
-    EXPECT_STREQ(g.dest(), "abcdef");
-    EXPECT_TRUE(g.guards_intact());
-}
-
-TEST(Securec, StringsThatDoNotFitFailAndLeaveAnEmptyString)
-{
-    Guarded g(8);
-    EXPECT_EQ(strcpy_s(g.dest(), g.size(), "12345678"), HOST_SEC_ETRUNC);
-    EXPECT_EQ(g.dest()[0], '\0');
-    std::memset(g.dest(), 'x', g.size());
-    EXPECT_EQ(strncpy_s(g.dest(), g.size(), kSrc, 8), HOST_SEC_ETRUNC);
-    EXPECT_EQ(g.dest()[0], '\0');
-    EXPECT_TRUE(g.guards_intact());
-}
-
-TEST(Securec, SprintfCountsCharactersAndRefusesOutputThatDoesNotFit)
-{
-    Guarded g(8);
-    EXPECT_EQ(sprintf_s(g.dest(), g.size(), "%s-%d", "ab", 1234), 7); // exact fit
-    EXPECT_STREQ(g.dest(), "ab-1234");
-    EXPECT_EQ(sprintf_s(g.dest(), g.size(), "%d", 12345678), -1);
-    EXPECT_EQ(g.dest()[0], '\0');
-    EXPECT_EQ(sprintf_s(g.dest(), g.size(), "%s", ""), 0);
-    EXPECT_TRUE(g.guards_intact());
+    EXPECT_EQ(memset_s(nullptr, kSize, 0, 1), HOST_SEC_EINVAL);
+    EXPECT_EQ(memcpy_s(nullptr, kSize, kSrc, 1), HOST_SEC_EINVAL);
+    EXPECT_EQ(memmove_s(nullptr, kSize, kSrc, 1), HOST_SEC_EINVAL);
+    EXPECT_EQ(strncpy_s(nullptr, kSize, kSrc, 1), HOST_SEC_EINVAL);
+    EXPECT_EQ(strcpy_s(nullptr, kSize, kSrc), HOST_SEC_EINVAL);
+    EXPECT_EQ(sprintf_s(nullptr, kSize, "x"), -1);
 }
 
 } // namespace

@@ -93,7 +93,11 @@ int effective_level()
     return over >= 0 ? over : config().level;
 }
 
-bool level_enabled(int level) { return level >= kLevelDebug && level >= effective_level(); }
+// Levels outside 0..3 do not exist: never enabled, so that level 4 silences everything.
+bool level_enabled(int level)
+{
+    return level >= kLevelDebug && level <= kLevelError && level >= effective_level();
+}
 
 const char *level_name(int level)
 {
