@@ -41,6 +41,11 @@ protected:
     std::deque<Entry> entries_; // stable addresses
 };
 
+int32_t match_seq(void *item, void *key)
+{
+    return static_cast<Entry *>(item)->seq == *static_cast<int *>(key) ? 0 : 1;
+}
+
 std::vector<void *> as_items(const std::vector<Entry *> &entries)
 {
     return {entries.begin(), entries.end()};
@@ -218,6 +223,8 @@ TEST_F(ListTest, RemoveByTagTakesFirstLiveMatchOnly)
     EXPECT_EQ(list_remove_by_tag(list_, &one, match_key), 0);
     EXPECT_EQ(released(), std::vector<void *>{a});
     EXPECT_EQ(list_to_item(list_search(list_, &one, match_key)), c);
+    // The compare argument wins over the list's own (which would take c's seq for a key).
+    EXPECT_EQ(list_to_item(list_search(list_, &c->seq, match_seq)), c);
     // A null compare falls back to the list's own, which orders entries by key.
     EXPECT_EQ(list_remove_by_tag(list_, b, nullptr), 0);
     EXPECT_EQ(items_of(list_), std::vector<void *>{c});

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <latch>
 #include <thread>
 
 #include "list/list_test_support.h"
@@ -44,23 +45,32 @@ struct Shared {
     std::atomic<bool> removers_done{false};
     std::atomic<int> bad_items{0};    // items seen after their free
     std::atomic<int> out_of_order{0}; // one writer's items seen out of append order
+    std::latch start{kWriters + kRemovers + kIterators + 1}; // everyone begins together
 };
 
 void write_items(Shared &s, int writer)
 {
+    s.start.arrive_and_wait();
     for (int seq = 0; seq < kPerWriter; seq++) {
         auto *t = new Tracked{writer, seq, writer * kPerWriter + seq, kAlive};
         EXPECT_EQ(list_append(s.list, t), 0);
     }
 }
 
-// One pass over the list, removing this remover's share of the items (by id) while
-// standing on them, alternately by node and by tag.
+// One pass over the list, removing this remover's share of the items (by id): a third
+// while standing on them by node, a third by tag, and a third by node just after the
+// iterator has left them, so that those are unlinked at once unless an iterator thread
+// holds them. Only this thread removes its share, so a node left behind stays valid.
 void remove_pass(Shared &s, int remover)
 {
+    LIST_NODE_ST *behind = nullptr;
     LIST_ITER_ST iter = {nullptr, nullptr};
     list_iter_init(s.list, &iter);
     while (LIST_NODE_ST *node = list_iter_next(&iter)) {
+        if (behind != nullptr) {
+            EXPECT_EQ(list_remove(s.list, behind), 0);
+            behind = nullptr;
+        }
         auto *t = static_cast<Tracked *>(list_to_item(node));
         if (t->magic != kAlive) {
             s.bad_items++;
@@ -69,14 +79,26 @@ void remove_pass(Shared &s, int remover)
         if (t->id % kRemovers != remover) {
             continue;
         }
-        int ret = t->seq % 2 == 0 ? list_remove(s.list, node) : list_remove_by_tag(s.list, t, nullptr);
-        EXPECT_EQ(ret, 0);
+        switch (t->seq % 3) {
+        case 0:
+            EXPECT_EQ(list_remove(s.list, node), 0);
+            break;
+        case 1:
+            EXPECT_EQ(list_remove_by_tag(s.list, t, nullptr), 0);
+            break;
+        default:
+            behind = node;
+        }
     }
     list_iter_destroy(&iter);
+    if (behind != nullptr) {
+        EXPECT_EQ(list_remove(s.list, behind), 0);
+    }
 }
 
 void remove_items(Shared &s, int remover)
 {
+    s.start.arrive_and_wait();
     bool last_pass;
     do {
         last_pass = s.writers_done.load(); // a pass begun after the writers finished sees all
@@ -86,6 +108,7 @@ void remove_items(Shared &s, int remover)
 
 void iterate_items(Shared &s)
 {
+    s.start.arrive_and_wait();
     do {
         std::array<int, kWriters> last_seq;
         last_seq.fill(-1);
@@ -111,6 +134,7 @@ void iterate_items(Shared &s)
 // removers here may be freeing (see the ordered-insertion test for those two).
 void peek_items(Shared &s)
 {
+    s.start.arrive_and_wait();
     uint32_t largest = 0;
     while (!s.removers_done.load()) {
         largest = std::max(largest, list_size(s.list));
@@ -119,7 +143,8 @@ void peek_items(Shared &s)
     EXPECT_LE(largest, static_cast<uint32_t>(kItems));
 }
 
-TEST(ListThreads, RemovalUnderOtherThreadsIteratorsFreesEachItemOnce)
+// One round: writers, removers, iterators and a peeker all start together on a fresh list.
+void run_removal_round()
 {
     for (auto &f : g_frees) {
         f = 0;
@@ -160,6 +185,50 @@ TEST(ListThreads, RemovalUnderOtherThreadsIteratorsFreesEachItemOnce)
     }
     EXPECT_EQ(wrong, 0) << "items freed other than exactly once";
     list_destroy(s.list);
+}
+
+TEST(ListThreads, RemovalUnderOtherThreadsIteratorsFreesEachItemOnce)
+{
+    for (int round = 0; round < 5 && !HasFailure(); round++) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        run_removal_round();
+    }
+}
+
+// Writers racing on both ends and the middle must lose no node and no count.
+TEST(ListThreads, ConcurrentWritersLoseNothing)
+{
+    constexpr int kThreads = 4;
+    constexpr int kEach = 3000;
+    LIST_ST *list = nullptr;
+    ASSERT_EQ(list_create(&list, nullptr, nullptr), 0);
+    std::vector<int> items(kThreads * kEach);
+    std::vector<std::thread> threads;
+    std::latch start(kThreads); // all begin together, or they would hardly overlap
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (int i = 0; i < kEach; i++) {
+                int *item = &items[static_cast<size_t>(t * kEach + i)];
+                int ret = i % 3 == 0   ? list_append(list, item)
+                          : i % 3 == 1 ? list_prepend(list, item)
+                                       : list_insert_pos(list, item, 2);
+                EXPECT_EQ(ret, 0);
+            }
+        });
+    }
+    for (auto &t : threads) {
+        t.join();
+    }
+    auto seen = items_of(list);
+    std::sort(seen.begin(), seen.end());
+    std::vector<void *> all;
+    for (int &i : items) {
+        all.push_back(&i);
+    }
+    EXPECT_EQ(seen, all);
+    EXPECT_EQ(list_size(list), all.size());
+    list_destroy(list);
 }
 
 // The iterator's thread, not the remover's, frees a node removed under it.
@@ -214,8 +283,10 @@ TEST(ListThreads, ConcurrentOrderedInsertionStaysSortedAndStable)
         }
     });
     std::vector<std::thread> inserters;
+    std::latch start(kThreads);
     for (auto &mine : entries) {
         inserters.emplace_back([&] {
+            start.arrive_and_wait();
             for (Entry &e : mine) {
                 EXPECT_EQ(list_insert_ascend(list, &e, nullptr), 0);
             }
