@@ -33,7 +33,9 @@ DM_EXTERN_C_BEGIN
 
 /* Creates a private queue holding at most `depth` messages and writes its identifier to
  * *out_qid. The queue's owner uid and gid are set to the first 7 bytes of `name` (4 + 3,
- * zero-padded), which needs the rights to change a queue's owner.
+ * zero-padded). The kernel lets the queue's creator do so, but refuses ids that the
+ * caller's user namespace does not map, and a byte limit (depth * 8) above its default
+ * maximum without the right to raise it.
  * `mode` must be 9 or 10 and `extra` non-zero; neither is used otherwise.
  * Returns 0; 0x20000500 for a NULL name or out_qid, a zero depth or extra, or another
  * mode; 1 when msgget, reading or setting the queue's attributes, or a bounds-checked

@@ -14,8 +14,25 @@ void FaultPoint::arm(int nth, int code, bool persistent)
 {
     armed_.store(false);
     nth_.store(nth);
-    code_.store(code);
+    codes_[0].store(code);
+    code_count_.store(1);
     persistent_.store(persistent);
+    seen_.store(0);
+    armed_.store(true);
+}
+
+void FaultPoint::arm_sequence(std::initializer_list<int> codes)
+{
+    armed_.store(false);
+    size_t n = 0;
+    for (int code : codes) {
+        if (n < kMaxCodes) {
+            codes_[n++].store(code);
+        }
+    }
+    nth_.store(0);
+    code_count_.store(n);
+    persistent_.store(false);
     seen_.store(0);
     armed_.store(true);
 }
@@ -33,10 +50,18 @@ bool FaultPoint::trip(int &code)
         return false;
     }
     const int nth = nth_.load();
-    if (index < nth || (!persistent_.load() && index != nth)) {
+    const auto count = static_cast<int>(code_count_.load());
+    if (count == 1) { // a single code: the nth call, or every call from it on
+        if (index < nth || (!persistent_.load() && index != nth)) {
+            return false;
+        }
+        code = codes_[0].load();
+        return true;
+    }
+    if (index >= count) {
         return false;
     }
-    code = code_.load();
+    code = codes_[static_cast<size_t>(index)].load();
     return true;
 }
 
@@ -94,6 +119,22 @@ std::string LogCapture::dump() const
 
 FaultPoint g_malloc_fault;
 
+namespace {
+std::atomic<const void *> g_watched_block{nullptr};
+std::atomic<bool> g_watched_block_freed{false};
+} // namespace
+
+void watch_block(const void *block)
+{
+    g_watched_block_freed.store(false);
+    g_watched_block.store(block);
+}
+
+bool watched_block_freed()
+{
+    return g_watched_block_freed.load();
+}
+
 } // namespace velmar::test
 
 // The library's rate limiter reads the wall clock through gettimeofday. While a
@@ -125,15 +166,26 @@ const bool velmar::test::kMallocReplaceable = false;
 const bool velmar::test::kMallocReplaceable = true;
 
 extern "C" void *__libc_malloc(size_t size);
+extern "C" void __libc_free(void *block);
 
-// Forwards to glibc's allocator, so free() of these blocks stays correct.
+// Both forward to glibc's allocator, so every other allocation function stays consistent.
 extern "C" void *malloc(size_t size) noexcept
 {
+    using namespace velmar::test;
     int code = 0;
-    if (velmar::test::g_malloc_fault.trip(code)) {
+    if (g_malloc_fault.trip(code)) {
         errno = code;
         return nullptr;
     }
     return __libc_malloc(size);
+}
+
+extern "C" void free(void *block) noexcept
+{
+    using namespace velmar::test;
+    if (block != nullptr && block == g_watched_block.load()) {
+        g_watched_block_freed.store(true);
+    }
+    __libc_free(block);
 }
 #endif

@@ -3,8 +3,10 @@
 // replacement malloc where the build allows one.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,20 +16,24 @@
 namespace velmar::test {
 
 // One injectable function. The interposer calls trip() on every call; arm() makes the
-// nth call from now on (0-based) fail with `code`, or every call from the nth on.
+// nth call from now on (0-based) fail with `code`, or every call from the nth on;
+// arm_sequence() makes the next calls fail with the given codes, one each.
 class FaultPoint {
 public:
     void arm(int nth, int code, bool persistent = false);
-    void disarm();
+    void arm_sequence(std::initializer_list<int> codes);
+    void disarm(); // also restarts calls()
     bool trip(int &code);
-    int calls() const { return seen_.load(); } // calls since the last arm()/disarm()
+    int calls() const { return seen_.load(); } // calls since the last arm or disarm
 
 private:
+    static constexpr size_t kMaxCodes = 8;
     std::atomic<bool> armed_{false};
     std::atomic<bool> persistent_{false};
     std::atomic<int> nth_{0};
-    std::atomic<int> code_{0};
     std::atomic<int> seen_{0};
+    std::atomic<size_t> code_count_{0};
+    std::array<std::atomic<int>, kMaxCodes> codes_{};
 };
 
 // Disarms a fault point when the test leaves the scope, even through a failed ASSERT.
@@ -77,5 +83,11 @@ private:
 // skip there and rely on the memset_s/strcpy_s failure paths instead.
 extern const bool kMallocReplaceable;
 extern FaultPoint g_malloc_fault;
+
+// Remembers one heap block; watched_block_freed() tells whether free() has been called
+// on it since. Only where kMallocReplaceable: elsewhere it stays false and LeakSanitizer
+// checks instead that blocks are freed.
+void watch_block(const void *block);
+bool watched_block_freed();
 
 } // namespace velmar::test
