@@ -166,12 +166,14 @@ DM_EXPORT uint32_t vos_private_queue_create(const char *name, uint64_t depth, ui
     }
     const int msqid = msgget(IPC_PRIVATE, kCreateFlags);
     if (msqid == -1) {
-        DM_LOG_ERR("\r\ncreat queue error!! errno is 0x%x.", static_cast<unsigned>(errno));
+        const auto err = static_cast<unsigned>(errno); // before the logger reads the clock
+        DM_LOG_ERR("\r\ncreat queue error!! errno is 0x%x.", err);
         return kQueueLocalFailure;
     }
     msqid_ds ds{};
     if (msgctl(msqid, IPC_STAT, &ds) != 0) {
-        DM_LOG_ERR("\r\nget queue stat error!! errno is 0x%x.", static_cast<unsigned>(errno));
+        const auto err = static_cast<unsigned>(errno);
+        DM_LOG_ERR("\r\nget queue stat error!! errno is 0x%x.", err);
         return kQueueLocalFailure;
     }
     // Each message is one pointer, so a byte limit of depth * 8 holds depth messages.
@@ -182,7 +184,8 @@ DM_EXPORT uint32_t vos_private_queue_create(const char *name, uint64_t depth, ui
         return kQueueLocalFailure;
     }
     if (msgctl(msqid, IPC_SET, &ds) != 0) {
-        DM_LOG_ERR("\r\nset queue stat error!! errno is 0x%x.", static_cast<unsigned>(errno));
+        const auto err = static_cast<unsigned>(errno);
+        DM_LOG_ERR("\r\nset queue stat error!! errno is 0x%x.", err);
         return kQueueLocalFailure;
     }
     *out_qid = static_cast<uint32_t>(msqid);

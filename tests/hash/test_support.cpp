@@ -10,29 +10,27 @@
 
 namespace velmar::test {
 
-void FaultPoint::arm(int nth, int code, bool persistent)
+void FaultPoint::arm(int nth, int code)
 {
-    armed_.store(false);
-    nth_.store(nth);
-    codes_[0].store(code);
-    code_count_.store(1);
-    persistent_.store(persistent);
-    seen_.store(0);
-    armed_.store(true);
+    arm_from(nth, {code});
 }
 
 void FaultPoint::arm_sequence(std::initializer_list<int> codes)
 {
+    arm_from(0, codes);
+}
+
+void FaultPoint::arm_from(int first, std::initializer_list<int> codes)
+{
     armed_.store(false);
-    size_t n = 0;
+    int n = 0;
     for (int code : codes) {
         if (n < kMaxCodes) {
-            codes_[n++].store(code);
+            codes_[static_cast<size_t>(n++)].store(code);
         }
     }
-    nth_.store(0);
-    code_count_.store(n);
-    persistent_.store(false);
+    first_.store(first);
+    count_.store(n);
     seen_.store(0);
     armed_.store(true);
 }
@@ -45,20 +43,8 @@ void FaultPoint::disarm()
 
 bool FaultPoint::trip(int &code)
 {
-    const int index = seen_.fetch_add(1);
-    if (!armed_.load()) {
-        return false;
-    }
-    const int nth = nth_.load();
-    const auto count = static_cast<int>(code_count_.load());
-    if (count == 1) { // a single code: the nth call, or every call from it on
-        if (index < nth || (!persistent_.load() && index != nth)) {
-            return false;
-        }
-        code = codes_[0].load();
-        return true;
-    }
-    if (index >= count) {
+    const int index = seen_.fetch_add(1) - first_.load();
+    if (!armed_.load() || index < 0 || index >= count_.load()) {
         return false;
     }
     code = codes_[static_cast<size_t>(index)].load();

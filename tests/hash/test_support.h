@@ -15,34 +15,31 @@
 
 namespace velmar::test {
 
-// One injectable function. The interposer calls trip() on every call; arm() makes the
-// nth call from now on (0-based) fail with `code`, or every call from the nth on;
-// arm_sequence() makes the next calls fail with the given codes, one each.
+// One injectable function. The interposer calls trip() on every call. arm() makes the
+// nth call from now on (0-based) fail with `code`; arm_sequence() makes the next calls
+// fail with the given codes, one each.
 class FaultPoint {
 public:
-    void arm(int nth, int code, bool persistent = false);
+    void arm(int nth, int code);
     void arm_sequence(std::initializer_list<int> codes);
     void disarm(); // also restarts calls()
     bool trip(int &code);
     int calls() const { return seen_.load(); } // calls since the last arm or disarm
 
 private:
-    static constexpr size_t kMaxCodes = 8;
+    static constexpr int kMaxCodes = 8;
+    void arm_from(int first, std::initializer_list<int> codes);
     std::atomic<bool> armed_{false};
-    std::atomic<bool> persistent_{false};
-    std::atomic<int> nth_{0};
+    std::atomic<int> first_{0};
+    std::atomic<int> count_{0};
     std::atomic<int> seen_{0};
-    std::atomic<size_t> code_count_{0};
     std::array<std::atomic<int>, kMaxCodes> codes_{};
 };
 
 // Disarms a fault point when the test leaves the scope, even through a failed ASSERT.
 class ArmedFault {
 public:
-    ArmedFault(FaultPoint &point, int nth, int code, bool persistent = false) : point_(point)
-    {
-        point_.arm(nth, code, persistent);
-    }
+    ArmedFault(FaultPoint &point, int nth, int code) : point_(point) { point_.arm(nth, code); }
     ~ArmedFault() { point_.disarm(); }
     ArmedFault(const ArmedFault &) = delete;
     ArmedFault &operator=(const ArmedFault &) = delete;
