@@ -12,5 +12,6 @@
 #include "vos_sm.h"
 #include "vos_queue.h"
 #include "vos_task.h"
+#include "dm_smbus.h"
 
 #endif /* VELMAR_SASTOX_H */
