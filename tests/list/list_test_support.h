@@ -1,22 +1,17 @@
 // Helpers shared by the list tests: keyed items, a free callback that records what the
-// list released, and readers that turn a list into a vector.
+// list released, and a reader that turns a list into a vector.
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
-#include <deque>
-#include <random>
-#include <string>
 #include <vector>
 
 #include "dm_list.h"
 
 namespace list_test {
 
-// A keyed item; `seq` tells apart items of equal key.
 struct Entry {
     int32_t key;
-    int seq;
+    int seq; // tells apart entries of equal key
 };
 
 // Orders entries by key only, so that equal keys are ties.
@@ -27,13 +22,7 @@ inline int32_t compare_key(void *item, void *key)
     return a == b ? 0 : (a > b ? 1 : -1);
 }
 
-// Matches an entry against a bare int32_t key (for searches and removal by tag).
-inline int32_t match_key(void *item, void *key)
-{
-    return static_cast<Entry *>(item)->key == *static_cast<int32_t *>(key) ? 0 : 1;
-}
-
-// Items released through the free callback, in order. Tests reset it in SetUp.
+// Items released through record_free, in order. Tests clear it before use.
 inline std::vector<void *> &released()
 {
     static std::vector<void *> items;
@@ -56,30 +45,6 @@ inline std::vector<void *> items_of(LIST_ST *list)
     }
     list_iter_destroy(&iter);
     return out;
-}
-
-inline std::vector<int> seqs_of(LIST_ST *list)
-{
-    std::vector<int> out;
-    for (void *item : items_of(list)) {
-        out.push_back(static_cast<Entry *>(item)->seq);
-    }
-    return out;
-}
-
-// Seed for randomised tests: VELMAR_TEST_SEED when set, otherwise a fresh one. Tests
-// print it through SCOPED_TRACE so that a failure can be replayed.
-inline uint32_t test_seed()
-{
-    if (const char *env = std::getenv("VELMAR_TEST_SEED")) {
-        return static_cast<uint32_t>(std::strtoul(env, nullptr, 10));
-    }
-    return std::random_device{}();
-}
-
-inline std::string seed_note(uint32_t seed)
-{
-    return "VELMAR_TEST_SEED=" + std::to_string(seed);
 }
 
 } // namespace list_test
