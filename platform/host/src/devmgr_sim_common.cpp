@@ -1,0 +1,234 @@
+// The device-manager simulator's shared machinery: directory, names, datagrams, faults.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "devmgr_sim_internal.h"
+
+namespace velmar::hostplat::devmgr {
+
+namespace {
+
+std::string resolve_run_dir()
+{
+    const char *chosen = getenv(HOST_DEVMGR_DIR_ENV);
+    if (chosen != nullptr && chosen[0] != '\0') {
+        return chosen;
+    }
+    const char *runtime = getenv("XDG_RUNTIME_DIR");
+    if (runtime != nullptr && runtime[0] != '\0') {
+        return std::string(runtime) + "/velmar-devmgr";
+    }
+    return "/tmp/velmar-devmgr-" + std::to_string(getuid());
+}
+
+struct DirCloser {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+struct Fault {
+    uint32_t count = 0;
+    int code = 0;
+};
+
+std::mutex g_fault_lock;
+std::array<Fault, 3> g_faults; // indexed by Op
+
+} // namespace
+
+const std::string &run_dir()
+{
+    static const std::string dir = resolve_run_dir(); // once: processes must agree on it
+    return dir;
+}
+
+int ensure_run_dir()
+{
+    if (mkdir(run_dir().c_str(), 0700) == 0 || errno == EEXIST) {
+        return 0;
+    }
+    return errno;
+}
+
+std::string device_name(uint32_t dev_id) { return "dev-" + std::to_string(dev_id) + ".sock"; }
+
+std::string endpoint_name(int32_t pid, uint32_t seq)
+{
+    return "mgr-" + std::to_string(pid) + "-" + std::to_string(seq) + ".sock";
+}
+
+int32_t endpoint_pid(const char *file_name)
+{
+    int pid = -1;
+    unsigned seq = 0;
+    int used = 0;
+    if (sscanf(file_name, "mgr-%d-%u.sock%n", &pid, &seq, &used) != 2 ||
+        file_name[used] != '\0' || pid <= 0) {
+        return -1;
+    }
+    return pid;
+}
+
+int make_addr(const std::string &name, sockaddr_un &addr, socklen_t &addr_len)
+{
+    const std::string path = run_dir() + "/" + name;
+    memset(&addr, 0, sizeof(addr));
+    if (path.size() >= sizeof(addr.sun_path)) {
+        return ENAMETOOLONG;
+    }
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    addr_len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+    return 0;
+}
+
+int bind_endpoint(const std::string &name, bool replace)
+{
+    sockaddr_un addr{};
+    socklen_t addr_len = 0;
+    int rc = ensure_run_dir();
+    if (rc == 0) {
+        rc = make_addr(name, addr, addr_len);
+    }
+    if (rc != 0) {
+        return -rc;
+    }
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -errno;
+    }
+    if (replace) {
+        unlink(addr.sun_path);
+    }
+    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0) {
+        rc = errno;
+        close(fd);
+        return -rc;
+    }
+    return fd;
+}
+
+int send_datagram(int fd, const std::string &name, uint32_t dev_id, const void *data, uint32_t len)
+{
+    sockaddr_un addr{};
+    socklen_t addr_len = 0;
+    int rc = make_addr(name, addr, addr_len);
+    if (rc != 0) {
+        return rc;
+    }
+    uint8_t datagram[kMaxDatagram];
+    const WireHeader header{kMagic, dev_id};
+    memcpy(datagram, &header, sizeof(header));
+    if (len != 0) {
+        memcpy(datagram + sizeof(header), data, len);
+    }
+    if (sendto(fd, datagram, sizeof(header) + len, MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<sockaddr *>(&addr), addr_len) < 0) {
+        return errno;
+    }
+    return 0;
+}
+
+int send_to_process(int fd, int32_t pid, uint32_t dev_id, const void *data, uint32_t len)
+{
+    std::unique_ptr<DIR, DirCloser> dir(opendir(run_dir().c_str()));
+    if (dir == nullptr) {
+        return errno; // ENOENT: nobody has made the directory yet
+    }
+    int last_error = ENOENT;
+    bool delivered = false;
+    while (const dirent *entry = readdir(dir.get())) {
+        if (endpoint_pid(entry->d_name) != pid) {
+            continue;
+        }
+        const std::string name = entry->d_name;
+        int rc = send_datagram(fd, name, dev_id, data, len);
+        if (rc == 0) {
+            delivered = true;
+        } else {
+            last_error = rc;
+            if (rc == ECONNREFUSED) { // its descriptor is closed: the name is dead
+                unlink((run_dir() + "/" + name).c_str());
+            }
+        }
+    }
+    return delivered ? 0 : last_error;
+}
+
+int check_datagram(const uint8_t *bytes, ssize_t got, WireHeader &header)
+{
+    if (got < static_cast<ssize_t>(sizeof(header))) {
+        return EBADMSG;
+    }
+    memcpy(&header, bytes, sizeof(header));
+    return header.magic == kMagic ? 0 : EBADMSG;
+}
+
+bool is_dead_endpoint(const std::string &name)
+{
+    sockaddr_un addr{};
+    socklen_t addr_len = 0;
+    if (make_addr(name, addr, addr_len) != 0) {
+        return false;
+    }
+    int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (probe < 0) {
+        return false;
+    }
+    bool dead = connect(probe, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0 &&
+                (errno == ECONNREFUSED || errno == ENOENT);
+    close(probe);
+    return dead;
+}
+
+bool take_fault(Op op, int &code)
+{
+    std::lock_guard<std::mutex> guard(g_fault_lock);
+    Fault &fault = g_faults[static_cast<size_t>(op)];
+    if (fault.count == 0) {
+        return false;
+    }
+    --fault.count;
+    code = fault.code;
+    return true;
+}
+
+} // namespace velmar::hostplat::devmgr
+
+using namespace velmar::hostplat::devmgr;
+
+extern "C" {
+
+int host_devmgr_fail_next(const char *op, uint32_t count, int code)
+{
+    static constexpr std::array<const char *, 3> kNames{"open", "send", "recv"};
+    if (op == nullptr) {
+        return EINVAL;
+    }
+    for (size_t i = 0; i < kNames.size(); ++i) {
+        if (strcmp(op, kNames[i]) == 0) {
+            std::lock_guard<std::mutex> guard(g_fault_lock);
+            g_faults[i] = Fault{count, code};
+            return 0;
+        }
+    }
+    return EINVAL;
+}
+
+void host_devmgr_fail_clear(void)
+{
+    std::lock_guard<std::mutex> guard(g_fault_lock);
+    g_faults.fill(Fault{});
+}
+
+const char *host_devmgr_dir(void) { return run_dir().c_str(); }
+
+} // extern "C"
