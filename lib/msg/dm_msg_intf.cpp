@@ -1,0 +1,302 @@
+// The framework context (dm_init, dm_destroy), the interface registry, the receive path
+// that turns a readable descriptor into a dispatched message, and the debug flag.
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/dm_log.h"
+#include "dm_loop.h"
+#include "dm_msg.h"
+#include "msg/dm_msg_internal.h"
+
+// The self-loop copies addresses verbatim into its frames and peers read them back.
+static_assert(sizeof(DM_ADDR_ST) == DM_ADDR_LEN);
+static_assert(offsetof(DM_ADDR_ST, kind) == 0);
+static_assert(offsetof(DM_ADDR_ST, family) == 4);
+static_assert(offsetof(DM_ADDR_ST, pad) == 6);
+static_assert(offsetof(DM_ADDR_ST, peer_id) == 8);
+static_assert(offsetof(DM_ADDR_ST, sa) == 12);
+// The interface list compares records and bare names alike.
+static_assert(offsetof(DM_INTF_ST, name) == 0);
+
+uint32_t g_dev_mon_debug = 5;
+
+namespace velmar::msg {
+
+bool same_name(const char *a, const char *b) { return strncmp(a, b, DM_INTF_NAME_LEN) == 0; }
+
+int32_t __dm_intf_cmp(void *item, void *key)
+{
+    if (item == nullptr || key == nullptr) {
+        return -22;
+    }
+    // The name is the record's first field, so a record and a bare name compare alike.
+    return strncmp(static_cast<const char *>(item), static_cast<const char *>(key),
+                   DM_INTF_NAME_LEN);
+}
+
+void __dm_intf_free(void *item)
+{
+    auto *intf = static_cast<DM_INTF_ST *>(item);
+    if (intf == nullptr) {
+        return;
+    }
+    if (intf->close != nullptr) {
+        intf->close(intf);
+    }
+    free(intf);
+}
+
+} // namespace velmar::msg
+
+using namespace velmar::msg;
+
+namespace {
+
+constexpr uint32_t kDestroyGraceMs = 100;
+
+void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg)
+{
+    if (msg->type == DM_MSG_REQ) {
+        __dm_cmd_handle(intf, msg);
+    } else if (msg->type == DM_MSG_RSP) {
+        __dm_rsp_handle(intf, msg);
+    }
+}
+
+int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
+{
+    (void)user_data_len;
+    DM_INTF_ST *intf = user_data != nullptr ? *static_cast<DM_INTF_ST **>(user_data) : nullptr;
+    if (intf == nullptr || intf->recv_msg == nullptr || intf->dm_cb == nullptr) {
+        return 0;
+    }
+    CallbackScope scope(intf->dm_cb);
+    if (scope.closing()) {
+        return 0;
+    }
+    auto *data = static_cast<uint8_t *>(malloc(DM_MAX_DATA_LEN));
+    if (data == nullptr) {
+        DM_CHECK_FAILED("(data != ((void *)0))");
+        return 0;
+    }
+    if (memset_s(data, DM_MAX_DATA_LEN, 0, DM_MAX_DATA_LEN) != 0) {
+        free(data);
+        return 0;
+    }
+    DM_ADDR_ST addr{};
+    DM_MSG_ST msg{};
+    msg.addr = &addr;
+    msg.addr_len = DM_ADDR_LEN;
+    msg.data.data_len = DM_MAX_DATA_LEN;
+    msg.data.data = data;
+    if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0) {
+        __dm_msg_dispatch(intf, &msg);
+    }
+    free(data);
+    return 0;
+}
+
+int __dm_poller_probe(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
+                      uint32_t user_data_len)
+{
+    (void)period_ms;
+    (void)elapsed_ms;
+    (void)user_data_len;
+    std::atomic_ref<uint32_t>(**static_cast<uint32_t **>(user_data)).store(1);
+    return 0;
+}
+
+// Returns once the poller thread runs its loop. Until the thread has started, the poller
+// still counts as idle, and poller_destory would release it at once under the starting
+// thread; a context that fails or is destroyed right after poller_run must not hit that
+// window. A timer fires only inside the loop, so a probe timer marks the moment.
+void __dm_wait_poller_started(POLLER_ST *poller)
+{
+    uint32_t started = 0;
+    uint32_t *flag = &started;
+    if (poller_timer_add(poller, 0, __dm_poller_probe, &flag, sizeof(flag), nullptr) != 0) {
+        mmSleep(kDestroyGraceMs); // no probe to be had: a thread starts far sooner
+        return;
+    }
+    while (std::atomic_ref<uint32_t>(started).load() == 0) {
+        mmSleep(1);
+    }
+}
+
+// Creates what a context owns, in order, stopping at the first failure.
+int __dm_build_context(DM_CB_ST *cb)
+{
+    int ret = poller_create(&cb->poller);
+    if (ret != 0) {
+        DM_LOG_ERR("call poller_create fail,ret:%d\r\n", ret);
+        return ret;
+    }
+    ret = poller_run(cb->poller);
+    if (ret != 0) {
+        DM_LOG_ERR("call poller_run fail,ret:%d\r\n", ret);
+        return ret;
+    }
+    __dm_wait_poller_started(cb->poller);
+    ret = list_create(&cb->intf_list, __dm_intf_cmp, __dm_intf_free);
+    if (ret != 0) {
+        DM_LOG_ERR("create intf list fail,ret:%d\r\n", ret);
+        return ret;
+    }
+    ret = list_create(&cb->pending_list, __dm_pending_cmp, __dm_pending_free);
+    if (ret != 0) {
+        DM_LOG_ERR("create pending list fail,ret:%d\r\n", ret);
+        return ret;
+    }
+    ret = list_create(&cb->cmd_reg_list, __dm_cmd_cmp, __dm_cmd_free);
+    if (ret != 0) {
+        DM_LOG_ERR("create cmd_reg_list fail,ret:%d\r\n", ret);
+        return ret;
+    }
+    ret = selfloop_init(nullptr, cb, nullptr, nullptr, 0);
+    if (ret != 0) {
+        DM_LOG_ERR("selfloop init fail,ret:%d\r\n", ret);
+    }
+    return ret;
+}
+
+// The poller thread finishes the callback it is running before it leaves. The fixed
+// grace covers an ordinary pass; a callback that outlasts it is waited for, and the pass
+// it belonged to then gets the grace once more to reach its end (every later callback of
+// that pass returns at once, since `closing` is set).
+void __dm_wait_for_callbacks(Context *ctx)
+{
+    mmSleep(kDestroyGraceMs);
+    std::atomic_ref<uint32_t> in_flight(ctx->in_flight);
+    if (in_flight.load() == 0) {
+        return;
+    }
+    while (in_flight.load() != 0) {
+        mmSleep(1);
+    }
+    mmSleep(kDestroyGraceMs);
+}
+
+} // namespace
+
+extern "C" {
+
+uint32_t dev_mon_get_log_flag(void)
+{
+    return std::atomic_ref<uint32_t>(g_dev_mon_debug).load(std::memory_order_relaxed);
+}
+
+void dev_mon_set_log_flag(uint32_t value)
+{
+    std::atomic_ref<uint32_t>(g_dev_mon_debug).store(value, std::memory_order_relaxed);
+}
+
+int dm_init(DM_CB_ST **dm_cb)
+{
+    if (dm_cb == nullptr) {
+        DM_LOG_ERR("dm_init input dm_cb null.");
+        return -22;
+    }
+    auto *ctx = static_cast<Context *>(malloc(sizeof(Context)));
+    if (ctx == nullptr) {
+        DM_LOG_ERR("dm_init malloc cb error.");
+        return -12;
+    }
+    int ret = memset_s(ctx, sizeof(Context), 0, sizeof(Context));
+    if (ret != 0) {
+        DM_LOG_ERR("memset_s fail: %d\n", ret);
+        free(ctx);
+        return ret;
+    }
+    *dm_cb = &ctx->cb;
+    ret = __dm_build_context(&ctx->cb);
+    if (ret != 0) {
+        dm_destroy(&ctx->cb);
+        *dm_cb = nullptr;
+    }
+    return ret;
+}
+
+void dm_destroy(DM_CB_ST *dm_cb)
+{
+    if (dm_cb == nullptr) {
+        return;
+    }
+    Context *ctx = context_of(dm_cb);
+    std::atomic_ref<uint32_t>(ctx->closing).store(1);
+    if (dm_cb->poller != nullptr) {
+        poller_destory(dm_cb->poller);
+    }
+    __dm_wait_for_callbacks(ctx);
+    if (dm_cb->pending_list != nullptr) {
+        destroy_pending_list(dm_cb);
+    }
+    if (dm_cb->intf_list != nullptr) {
+        list_destroy(dm_cb->intf_list);
+    }
+    if (dm_cb->cmd_reg_list != nullptr) {
+        list_destroy(dm_cb->cmd_reg_list);
+    }
+    free(ctx);
+}
+
+int dm_intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
+{
+    if (dm_cb == nullptr || intf == nullptr) {
+        DM_LOG_ERR("dm_intf_register input cb or intf null.\n");
+        return -22;
+    }
+    int ret = list_append(dm_cb->intf_list, intf);
+    if (ret != 0) {
+        return ret;
+    }
+    ret = poller_fd_add(dm_cb->poller, intf->fd, 1, __dm_recv, &intf, sizeof(intf));
+    if (ret != 0) {
+        // The list owns the record now: taking it out closes and releases it.
+        list_remove_by_tag(dm_cb->intf_list, intf, __dm_intf_cmp);
+    }
+    return ret;
+}
+
+int dm_intf_deregister(DM_INTF_ST *intf)
+{
+    if (intf == nullptr) {
+        DM_LOG_ERR("dm_intf_deregister input intf null.\n");
+        return -22;
+    }
+    DM_CB_ST *cb = intf->dm_cb;
+    int ret = poller_fd_remove(cb->poller, intf->fd, 1);
+    if (ret != 0) {
+        return ret;
+    }
+    return list_remove_by_tag(cb->intf_list, intf, __dm_intf_cmp);
+}
+
+DM_INTF_ST *dm_get_intf(DM_CB_ST *dm_cb, const char *name, int name_len)
+{
+    if (dm_cb == nullptr || name == nullptr || name_len > DM_INTF_NAME_LEN) {
+        DM_LOG_ERR("dm_get_intf input cb or name null ,name len %d larger than %d\n", name_len,
+                   DM_INTF_NAME_LEN);
+        return nullptr;
+    }
+    LIST_ITER_ST iter{};
+    list_iter_init(dm_cb->intf_list, &iter);
+    DM_INTF_ST *found = nullptr;
+    while (LIST_NODE_ST *node = list_iter_next(&iter)) {
+        auto *intf = static_cast<DM_INTF_ST *>(list_to_item(node));
+        if (intf == nullptr) {
+            list_iter_destroy(&iter);
+            DM_LOG_ERR("dm_get_intf:tmp is null!\n");
+            return nullptr;
+        }
+        if (same_name(intf->name, name)) {
+            found = intf;
+            break;
+        }
+    }
+    list_iter_destroy(&iter);
+    return found;
+}
+
+} // extern "C"
