@@ -12,6 +12,7 @@
 #include "vos_sm.h"
 #include "vos_queue.h"
 #include "vos_task.h"
+#include "dm_ipc.h"
 #include "dm_smbus.h"
 
 #endif /* VELMAR_SASTOX_H */

@@ -14,6 +14,7 @@ int main(void)
     check_hash();
     check_queue();
     check_vos();
+    check_ipc();
     if (c_api_failures == 0) {
         printf("c api: all checks passed\n");
     }

@@ -20,5 +20,6 @@ void check_msg(void);
 void check_hash(void);
 void check_queue(void);
 void check_vos(void);
+void check_ipc(void);
 
 #endif

@@ -47,7 +47,8 @@ extern "C" {
  * devdrv_open_device_manager(): a new endpoint, close-on-exec; the caller owns it and
  *   closes it with close(). Negative errno when the directory or socket cannot be made.
  *   The endpoint's name stays in the directory after close(); a device that later finds
- *   it refused removes it.
+ *   it refused removes it, and the next open in any process removes the names of
+ *   processes that have ended.
  * devdrv_imu_dmp_msg_send(fd, dev_id, data, len): one message to device dev_id, never
  *   blocking. EINVAL for null data with len > 0, EMSGSIZE above 255 bytes, ENOENT when
  *   no device of that id was ever opened in the directory, ECONNREFUSED when it has

@@ -27,6 +27,8 @@ int devdrv_open_device_manager(void)
     if (take_fault(Op::Open, code)) {
         return code;
     }
+    // Processes end without closing through us; tidy up after the dead ones here.
+    sweep_dead_endpoints();
     const auto pid = static_cast<int32_t>(getpid());
     return bind_endpoint(endpoint_name(pid, g_next_endpoint.fetch_add(1)), true);
 }

@@ -1,5 +1,6 @@
 // The device-manager simulator's shared machinery: directory, names, datagrams, faults.
 #include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -161,6 +162,20 @@ int send_to_process(int fd, int32_t pid, uint32_t dev_id, const void *data, uint
         }
     }
     return delivered ? 0 : last_error;
+}
+
+void sweep_dead_endpoints()
+{
+    std::unique_ptr<DIR, DirCloser> dir(opendir(run_dir().c_str()));
+    if (dir == nullptr) {
+        return;
+    }
+    while (const dirent *entry = readdir(dir.get())) {
+        const int32_t pid = endpoint_pid(entry->d_name);
+        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
+            unlink((run_dir() + "/" + entry->d_name).c_str());
+        }
+    }
 }
 
 int check_datagram(const uint8_t *bytes, ssize_t got, WireHeader &header)

@@ -52,6 +52,9 @@ int send_datagram(int fd, const std::string &name, uint32_t dev_id, const void *
 // ones and are removed. 0 when at least one took the message, otherwise an errno value.
 int send_to_process(int fd, int32_t pid, uint32_t dev_id, const void *data, uint32_t len);
 
+// Removes the endpoint names of processes that no longer exist.
+void sweep_dead_endpoints();
+
 // Checks a received datagram of `got` bytes. 0 or EBADMSG.
 int check_datagram(const uint8_t *bytes, ssize_t got, WireHeader &header);
 
