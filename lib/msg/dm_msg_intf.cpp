@@ -108,22 +108,36 @@ int __dm_poller_probe(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
     return 0;
 }
 
-// Returns once the poller thread runs its loop. Until the thread has started, the poller
-// still counts as idle, and poller_destory would release it at once under the starting
-// thread; a context that fails or is destroyed right after poller_run must not hit that
-// window. A timer fires only inside the loop, so a probe timer marks the moment.
-void __dm_wait_poller_started(POLLER_ST *poller)
-{
-    uint32_t started = 0;
-    uint32_t *flag = &started;
-    if (poller_timer_add(poller, 0, __dm_poller_probe, &flag, sizeof(flag), nullptr) != 0) {
-        mmSleep(kDestroyGraceMs); // no probe to be had: a thread starts far sooner
-        return;
+// Until the poller thread has started, the poller still counts as idle, and
+// poller_destory would release it at once under the starting thread; a context that
+// fails or is destroyed right after poller_run must not hit that window. A timer fires
+// only inside the loop, so dm_init arms a probe before it starts the thread (the first
+// pass then waits for the probe, not for its usual 50 ms) and waits for it afterwards.
+class PollerStartProbe {
+public:
+    explicit PollerStartProbe(POLLER_ST *poller)
+    {
+        uint32_t *flag = &fired_;
+        armed_ = poller_timer_add(poller, 0, __dm_poller_probe, &flag, sizeof(flag), nullptr) == 0;
     }
-    while (std::atomic_ref<uint32_t>(started).load() == 0) {
-        mmSleep(1);
+    // Call only once poller_run has succeeded.
+    void wait()
+    {
+        if (!armed_) {
+            mmSleep(kDestroyGraceMs); // no probe to be had: a thread starts far sooner
+            return;
+        }
+        while (std::atomic_ref<uint32_t>(fired_).load() == 0) {
+            mmSleep(1);
+        }
     }
-}
+    PollerStartProbe(const PollerStartProbe &) = delete;
+    PollerStartProbe &operator=(const PollerStartProbe &) = delete;
+
+private:
+    uint32_t fired_ = 0;
+    bool armed_ = false;
+};
 
 // Creates what a context owns, in order, stopping at the first failure.
 int __dm_build_context(DM_CB_ST *cb)
@@ -133,12 +147,14 @@ int __dm_build_context(DM_CB_ST *cb)
         DM_LOG_ERR("call poller_create fail,ret:%d\r\n", ret);
         return ret;
     }
+    // Without a thread the probe never fires; the poller's release frees it.
+    PollerStartProbe probe(cb->poller);
     ret = poller_run(cb->poller);
     if (ret != 0) {
         DM_LOG_ERR("call poller_run fail,ret:%d\r\n", ret);
         return ret;
     }
-    __dm_wait_poller_started(cb->poller);
+    probe.wait();
     ret = list_create(&cb->intf_list, __dm_intf_cmp, __dm_intf_free);
     if (ret != 0) {
         DM_LOG_ERR("create intf list fail,ret:%d\r\n", ret);
