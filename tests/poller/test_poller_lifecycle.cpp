@@ -5,6 +5,7 @@
 #include "poller_test_support.h"
 
 using namespace poller_test;
+using velmar::poller::kIdle;
 
 namespace {
 
@@ -19,38 +20,9 @@ int open_descriptors()
     return count;
 }
 
-int count_call(int fd, int, void *data, uint32_t)
-{
-    char c;
-    while (read(fd, &c, 1) > 0) {
-    }
-    ++**static_cast<std::atomic<int> **>(data);
-    return 0;
-}
-
-TEST(PollerCreate, RefusesNullAndReleasesAtOnceWhenIdle)
-{
-    EXPECT_EQ(poller_create(nullptr), 22);
-    EXPECT_EQ(poller_destory(nullptr), 22);
-    POLLER_ST *poller = nullptr;
-    ASSERT_EQ(poller_create(&poller), 0);
-    EXPECT_EQ(velmar::poller::load_state(poller), 0U);
-    EXPECT_EQ(list_size(poller->fd_list), 1U); // the self-notifier's read end
-    const int rd = poller->notify_fd[0];
-    const int wr = poller->notify_fd[1];
-    EXPECT_EQ(fcntl(rd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-    EXPECT_EQ(fcntl(wr, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    clear_closes();
-    char self_name[32] = {};
-    pthread_getname_np(pthread_self(), self_name, sizeof(self_name));
-    ASSERT_EQ(poller_destory(poller), 0);
-    EXPECT_EQ(closed_by(rd), self_name); // released by the caller, before returning
-    EXPECT_EQ(closed_by(wr), self_name);
-}
-
 using PollerLifecycleTest = PollerTest;
 
-TEST_F(PollerLifecycleTest, OnlyTheCreatorRunsAndStopsItAndOnlyOnce)
+TEST_F(PollerLifecycleTest, OnlyTheCreatorRunsAndExitsItThenItRunsAgain)
 {
     std::thread([this] {
         EXPECT_EQ(poller_run(poller_), 1);
@@ -59,40 +31,6 @@ TEST_F(PollerLifecycleTest, OnlyTheCreatorRunsAndStopsItAndOnlyOnce)
     EXPECT_EQ(poller_run(nullptr), 22);
     start();
     EXPECT_EQ(poller_run(poller_), 1);
-}
-
-TEST_F(PollerLifecycleTest, ExitThenRunAgain)
-{
-    LogCapture log;
-    Pipe p;
-    std::atomic<int> hits{0};
-    std::atomic<int> *counter = &hits;
-    ASSERT_EQ(poller_fd_add(poller_, p.rd, POLLIN, count_call, &counter, sizeof(counter)), 0);
-    start();
-    ASSERT_EQ(poller_exit(poller_), 0);
-    ASSERT_TRUE(wait_for([this] { return state() == velmar::poller::kIdle; }));
-    EXPECT_TRUE(log.contains("do poll exit, poll state = 2\n"));
-    start();
-    p.put();
-    EXPECT_TRUE(wait_for([&] { return hits == 1; }));
-    destroy(); // before the pipe and the counter go
-}
-
-TEST_F(PollerLifecycleTest, DestroyWhileRunningIsCompletedByThePollThread)
-{
-    Pipe p;
-    int datum = 1;
-    ASSERT_EQ(poller_fd_add(poller_, p.rd, POLLIN, nullptr, &datum, sizeof(datum)), 0);
-    ASSERT_EQ(poller_timer_add(poller_, 60000, nullptr, &datum, sizeof(datum), nullptr), 0);
-    start();
-    const int rd = poller_->notify_fd[0];
-    destroy(); // waits for both closes and for the thread to be gone
-    EXPECT_EQ(closed_by(rd), "do_poll");
-}
-
-TEST_F(PollerLifecycleTest, ThreadAttributesAndFallbackWhenRefused)
-{
-    start();
     EXPECT_EQ(g_last_thread_attr.detachFlag, 0);
     EXPECT_EQ(g_last_thread_attr.priorityFlag, 1);
     EXPECT_EQ(g_last_thread_attr.priority, 60);
@@ -100,61 +38,81 @@ TEST_F(PollerLifecycleTest, ThreadAttributesAndFallbackWhenRefused)
     EXPECT_EQ(g_last_thread_attr.policy, SCHED_RR);
     EXPECT_EQ(g_last_thread_attr.stackFlag, 1);
     EXPECT_EQ(g_last_thread_attr.stackSize, 131072U);
-    ASSERT_EQ(poller_exit(poller_), 0);
-    ASSERT_TRUE(wait_for([this] { return state() == velmar::poller::kIdle; }));
 
-    LogCapture log;
-    refuse_thread_attr(true);
-    start(); // falls back to a thread with default attributes
-    refuse_thread_attr(false);
-    EXPECT_TRUE(log.contains("The system does not support ajusting sched priority, try using "
-                             "default thread prority\n"));
+    start_log_capture();
+    ASSERT_EQ(poller_exit(poller_), 0);
+    ASSERT_TRUE(wait_for([this] { return state() == kIdle; }));
+    g_refuse_thread_attr = true;
+    start(); // again, and with default attributes
+    g_refuse_thread_attr = false;
+    EXPECT_TRUE(logged("The system does not support ajusting sched priority, try using "
+                       "default thread prority\n"));
+    EXPECT_TRUE(logged("do poll exit, poll state = 2\n"));
     int policy = -1;
     sched_param param{};
     ASSERT_EQ(pthread_getschedparam(poller_->thread, &policy, &param), 0);
     EXPECT_EQ(policy, SCHED_OTHER);
+    Pipe p; // and it still serves descriptors
+    static std::atomic<int> hits{0};
+    auto count = [](int fd, int, void *, uint32_t) { return drain(fd), ++hits, 0; };
+    ASSERT_EQ(poller_fd_add(poller_, p.rd(), POLLIN, count, nullptr, 1), 0);
+    p.put();
+    EXPECT_TRUE(wait_for([] { return hits == 1; }));
+    destroy();
 }
 
-// Fails each bounds-checked call of an operation in turn: every failure returns the
-// injected code and leaves no entry, memory or descriptor behind.
-TEST_F(PollerLifecycleTest, FailingMemoryFunctionsLeaveNothingBehind)
+TEST_F(PollerLifecycleTest, DestroyWhileRunningIsCompletedByThePollThread)
+{
+    int datum = 1;
+    ASSERT_EQ(poller_fd_add(poller_, 0, POLLOUT, nullptr, &datum, sizeof(datum)), 0);
+    ASSERT_EQ(poller_timer_add(poller_, 60000, nullptr, &datum, sizeof(datum), nullptr), 0);
+    EXPECT_EQ(fd_entries(), 2U); // and the self-notifier's read end
+    const int rd = poller_->notify_fd[0];
+    EXPECT_EQ(fcntl(rd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+    EXPECT_EQ(fcntl(rd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    start();
+    destroy(); // waits for the closes and for the thread to be gone; no leak under asan
+    EXPECT_EQ(closed_by(rd), "do_poll");
+}
+
+// Fails each memset_s of an operation in turn: every failure returns that code and
+// leaves no entry, memory or descriptor behind.
+TEST_F(PollerLifecycleTest, FailingMemsetLeavesNothingBehind)
 {
     constexpr int kCode = 34;
     const int descriptors = open_descriptors();
+    EXPECT_EQ(poller_create(nullptr), 22);
+    EXPECT_EQ(poller_destory(nullptr), 22);
+    char self[32] = {};
+    pthread_getname_np(pthread_self(), self, sizeof(self));
     for (int skip = 0;; ++skip) {
-        POLLER_ST *extra = reinterpret_cast<POLLER_ST *>(0x1);
-        fail_mem_call(0, skip, kCode);
-        const int ret = poller_create(&extra);
-        clear_mem_failure();
+        POLLER_ST *other = poller_;
+        fail_memset(skip, kCode);
+        const int ret = poller_create(&other);
+        fail_memset(-1, 0);
+        const int other_rd = ret == 0 ? other->notify_fd[0] : -1;
         if (ret == 0) {
             EXPECT_GE(skip, 5) << "handle, two lists, the notifier's entry and its copy";
-            EXPECT_EQ(poller_destory(extra), 0);
+            EXPECT_EQ(poller_destory(other), 0);
+            EXPECT_EQ(closed_by(other_rd), self) << "idle: released by the caller";
             break;
         }
         EXPECT_EQ(ret, kCode);
-        EXPECT_EQ(extra, nullptr);
+        EXPECT_EQ(other, nullptr);
         EXPECT_EQ(open_descriptors(), descriptors);
     }
     int datum = 5;
-    for (int kind = 0; kind < 2; ++kind) {
-        for (int skip = 0; skip < 3; ++skip) {
-            void *handle = nullptr;
-            fail_mem_call(kind, skip, kCode);
-            const int fd_ret = poller_fd_add(poller_, 0, POLLIN, nullptr, &datum, sizeof(datum));
-            fail_mem_call(kind, skip, kCode);
-            const int timer_ret = poller_timer_add(poller_, 9, nullptr, &datum, sizeof(datum), &handle);
-            clear_mem_failure();
-            // Three memset_s calls (entry, copy, the list's node) and one memmove_s (copy).
-            const bool fails = kind == 0 || skip == 0;
-            EXPECT_EQ(fd_ret, fails ? kCode : 0) << kind << skip;
-            EXPECT_EQ(timer_ret, fails ? kCode : 0) << kind << skip;
-            EXPECT_EQ(fails, handle == nullptr);
-            EXPECT_EQ(poller_fd_remove(poller_, 0, POLLIN), 0);
-            EXPECT_EQ(poller_timer_remove(poller_, &handle), 0);
-            EXPECT_EQ(fd_entries(), 1U);
-            EXPECT_EQ(timer_entries(), 0U);
-        }
+    for (int skip = 0; skip < 3; ++skip) { // the entry, the copy, the list's node
+        void *handle = nullptr;
+        fail_memset(skip, kCode);
+        EXPECT_EQ(poller_fd_add(poller_, 0, POLLIN, nullptr, &datum, sizeof(datum)), kCode);
+        fail_memset(skip, kCode);
+        EXPECT_EQ(poller_timer_add(poller_, 9, nullptr, &datum, sizeof(datum), &handle), kCode);
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_EQ(fd_entries(), 1U);
+        EXPECT_EQ(timer_entries(), 0U);
     }
+    fail_memset(-1, 0);
 }
 
 } // namespace
