@@ -2,11 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <linux/capability.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -76,41 +74,6 @@ uint64_t probe_entry(uint64_t arg)
 uint64_t load_counter(uint64_t &counter)
 {
     return std::atomic_ref<uint64_t>(counter).load();
-}
-
-void *empty_thread(void *)
-{
-    return nullptr;
-}
-
-// Whether this thread may start SCHED_RR threads, asked the way the library asks.
-bool can_start_sched_rr()
-{
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attr, SCHED_RR);
-    sched_param param{};
-    param.sched_priority = 1;
-    pthread_attr_setschedparam(&attr, &param);
-    pthread_t thread;
-    const int rc = pthread_create(&thread, &attr, empty_thread, nullptr);
-    if (rc == 0) {
-        pthread_join(thread, nullptr);
-    }
-    pthread_attr_destroy(&attr);
-    return rc == 0;
-}
-
-// Capabilities are per thread: dropping CAP_SYS_NICE here affects only the calling one.
-void drop_sched_privilege_of_this_thread()
-{
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2]{};
-    if (syscall(SYS_capget, &header, data) == 0) {
-        data[CAP_SYS_NICE / 32].effective &= ~(1U << (CAP_SYS_NICE % 32));
-        syscall(SYS_capset, &header, data);
-    }
 }
 
 int64_t create(const char *name, uint64_t priority, int32_t flags, uint64_t stack, Probe *probe, uint64_t *a,

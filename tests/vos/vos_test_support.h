@@ -67,6 +67,12 @@ private:
     bool open_ = false;
 };
 
+// Whether this thread may start SCHED_RR threads, asked the way the library asks.
+bool can_start_sched_rr();
+// Capabilities are per thread: drops CAP_SYS_NICE from the calling thread only, so that a
+// privileged test run can still see how the library behaves without the privilege.
+void drop_sched_privilege_of_this_thread();
+
 // A timed-lock record made and released by the test (types 0-2 or 3).
 class LockRecord {
 public:

@@ -1,0 +1,484 @@
+// Task control blocks: creation, identity look-ups, reuse of numbers, a full table,
+// deletion, and the failure paths. The table is process-wide: one environment sets it up,
+// and every test starts and ends with no task alive.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dm_platform.h"
+#include "vos/vos_test_support.h"
+#include "vos_osal.h"
+#include "vos_task.h"
+
+using namespace velmar::vostest;
+using namespace std::chrono_literals;
+
+namespace {
+
+std::atomic<bool> g_fail_tail_clear{false}; // one memset_s of a 32-byte area fails
+std::atomic<bool> g_fail_desc_copy{false};  // one strncpy_s into a 51-byte field fails
+
+} // namespace
+
+extern "C" int memset_s(void *dest, size_t dest_max, int c, size_t count)
+{
+    if (dest_max == 32 && g_fail_tail_clear.exchange(false)) {
+        return 34;
+    }
+    static const auto real = reinterpret_cast<int (*)(void *, size_t, int, size_t)>(dlsym(RTLD_NEXT, "memset_s"));
+    return real(dest, dest_max, c, count);
+}
+
+extern "C" int strncpy_s(char *dest, size_t dest_max, const char *src, size_t count)
+{
+    if (dest_max == 51 && g_fail_desc_copy.exchange(false)) {
+        return 22;
+    }
+    static const auto real =
+        reinterpret_cast<int (*)(char *, size_t, const char *, size_t)>(dlsym(RTLD_NEXT, "strncpy_s"));
+    return real(dest, dest_max, src, count);
+}
+
+namespace {
+
+constexpr uint32_t kBadId = 0x20000000;
+constexpr uint32_t kNoBlock = 0x20000001;
+constexpr uint32_t kCreateFailed = 0x20000003;
+constexpr uint32_t kNoneLive = 0x20000006;
+constexpr uint32_t kNullParam = 0x20000011;
+constexpr uint32_t kNotFound = 0xFFFFFFFFU;
+constexpr uint64_t kFreeWord = 0xFFFFFFFFU;
+
+class TaskTableEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override { ASSERT_EQ(task_task_info_init(), 0U); }
+};
+[[maybe_unused]] ::testing::Environment *const g_task_env =
+    ::testing::AddGlobalTestEnvironment(new TaskTableEnvironment);
+
+template <typename T> T shared_load(T &field)
+{
+    return std::atomic_ref<T>(field).load();
+}
+
+bool block_used(uint32_t task_no)
+{
+    return shared_load(g_p_task_cb[task_no].used) != 0;
+}
+
+uint32_t used_blocks()
+{
+    uint32_t used = 0;
+    for (uint32_t n = 0; n <= VOS_MAX_TASK_NUM; ++n) {
+        used += block_used(n) ? 1 : 0;
+    }
+    return used;
+}
+
+uint64_t live_tasks()
+{
+    return shared_load(m_task_dyn_info[0]);
+}
+
+// What a task saw of itself, and the gates that pace it.
+struct TaskProbe {
+    Gate go;
+    Gate seen;
+    Gate finish;
+    uint64_t args[3] = {};
+    uint32_t task_no = 0;
+    uint64_t sys_id = 0;
+    uint64_t self = 0;
+    uint64_t pid = 0;
+    std::string kernel_name;
+    int policy = -1;
+};
+
+void probe_entry(uint64_t probe_arg, uint64_t a1, uint64_t a2, uint64_t a3)
+{
+    auto *probe = reinterpret_cast<TaskProbe *>(probe_arg);
+    probe->go.wait(); // until the creator has written the identifiers
+    probe->args[0] = a1;
+    probe->args[1] = a2;
+    probe->args[2] = a3;
+    probe->task_no = vos_get_current_task_id();
+    probe->sys_id = vos_get_sys_task_id(0);
+    probe->self = osal_get_self_id();
+    probe->pid = vos_get_current_pid();
+    char name[17] = {};
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    probe->kernel_name = name;
+    sched_param param{};
+    pthread_getschedparam(pthread_self(), &probe->policy, &param);
+    probe->seen.open();
+    probe->finish.wait();
+}
+
+// Creates a task that runs probe_entry on `probe`; returns the result code.
+uint32_t create_probe(TaskProbe &probe, uint32_t *task_no, const char *name = "probe", uint64_t priority = 10,
+                      uint64_t stack = 0, const char *desc = nullptr, uint64_t flags = 0)
+{
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), 11, 22, 33};
+    return vos_create_task_ex(name, desc, task_no, probe_entry, priority, stack, args, flags);
+}
+
+bool released(uint32_t task_no)
+{
+    return wait_until([task_no] { return vos_check_task_idvalid(task_no) == 0; }, 10s);
+}
+
+// Lets a probe task finish and waits until its block is free: the task has then left the
+// probe for good, so the test may destroy it.
+void run_to_end(TaskProbe &probe, uint32_t task_no)
+{
+    probe.go.open();
+    probe.finish.open();
+    EXPECT_TRUE(released(task_no)) << "task " << task_no << " did not end";
+}
+
+class TaskTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(wait_until([] { return used_blocks() == 0; }, 10s)) << "tasks of an earlier test still alive";
+    }
+    void TearDown() override
+    {
+        // Every task must have ended before the next test; then the blocks are scrubbed so
+        // that identifiers written late by a creator cannot match a later thread.
+        EXPECT_TRUE(wait_until([] { return used_blocks() == 0; }, 10s)) << "a task is still alive";
+        if (used_blocks() == 0) {
+            init_task_cb();
+        }
+    }
+};
+
+} // namespace
+
+TEST_F(TaskTest, FirstTaskRunsWithItsArgumentsNameAndIdentity)
+{
+    TaskProbe probe;
+    uint32_t task_no = 0;
+    const uint64_t live_before = live_tasks();
+    const std::string long_name(40, 'n');
+    const std::string long_desc(60, 'd');
+    ASSERT_EQ(create_probe(probe, &task_no, long_name.c_str(), 255, 0, long_desc.c_str()), 0U);
+    ASSERT_EQ(task_no, 1U);
+    const VOS_TASK_CB_ST &block = g_p_task_cb[task_no];
+    EXPECT_EQ(std::string(block.name), long_name.substr(0, 29));
+    EXPECT_EQ(std::string(block.desc), long_desc.substr(0, 50));
+    EXPECT_EQ(block.stack_size, 32768U);
+    EXPECT_EQ(block.stack_size_cur, 32768U);
+    EXPECT_EQ(block.prio, 255U);
+    EXPECT_EQ(block.flags, 0U);
+    EXPECT_EQ(live_tasks(), live_before + 1);
+    EXPECT_EQ(vos_check_task_idvalid(task_no), 1U);
+
+    probe.go.open();
+    ASSERT_TRUE(probe.seen.wait_for(10s));
+    EXPECT_EQ(probe.args[0], 11U);
+    EXPECT_EQ(probe.args[1], 22U);
+    EXPECT_EQ(probe.args[2], 33U);
+    EXPECT_EQ(probe.task_no, task_no);
+    EXPECT_EQ(probe.sys_id, probe.self);
+    EXPECT_EQ(vos_get_sys_task_id(task_no), probe.self);
+    EXPECT_EQ(shared_load(g_p_task_cb[task_no].tid_copy), probe.self);
+    EXPECT_EQ(probe.pid, static_cast<uint64_t>(shared_load(g_p_task_cb[task_no].pid)));
+    EXPECT_EQ(probe.kernel_name, long_name.substr(0, 15));
+    EXPECT_EQ(probe.policy, SCHED_OTHER);
+    probe.finish.open();
+    EXPECT_TRUE(released(task_no));
+    EXPECT_TRUE(wait_until([&] { return live_tasks() == live_before; }, 10s));
+}
+
+TEST_F(TaskTest, NumberIsReusedAfterTheEntryReturnsAndTheBlockReadsFree)
+{
+    TaskProbe first;
+    TaskProbe second;
+    TaskProbe third;
+    uint32_t n1 = 0;
+    uint32_t n2 = 0;
+    uint32_t n3 = 0;
+    ASSERT_EQ(create_probe(first, &n1, "first", 1, 262144), 0U);
+    ASSERT_EQ(create_probe(second, &n2), 0U);
+    EXPECT_EQ(g_p_task_cb[n1].stack_size, 262144U);
+    EXPECT_EQ(n2, n1 + 1);
+    // Per-task process numbers: the process id plus a running offset.
+    EXPECT_EQ(shared_load(g_p_task_cb[n2].pid), shared_load(g_p_task_cb[n1].pid) + 1);
+    EXPECT_GT(shared_load(g_p_task_cb[n1].pid), static_cast<int64_t>(getpid()));
+
+    run_to_end(first, n1);
+    const VOS_TASK_CB_ST &block = g_p_task_cb[n1];
+    EXPECT_EQ(shared_load(g_p_task_cb[n1].tid), kFreeWord);
+    EXPECT_EQ(shared_load(g_p_task_cb[n1].tid_copy), kFreeWord);
+    EXPECT_EQ(shared_load(g_p_task_cb[n1].pid), static_cast<int64_t>(kFreeWord));
+    EXPECT_EQ(block.pfn_local_task_entry, nullptr);
+    EXPECT_EQ(block.args[0], 0U);
+    EXPECT_EQ(block.flags, 1U);
+    EXPECT_EQ(block.stack_size, 0U);
+    EXPECT_EQ(block.reserved_b, kFreeWord);
+    EXPECT_EQ(block.reserved_e[0], 0U);
+    EXPECT_EQ(block.reserved_e[1], 1U);
+    for (uint64_t word : block.reserved_g) {
+        EXPECT_EQ(word, kFreeWord);
+    }
+    EXPECT_EQ(block.name[0], '\0');
+    EXPECT_EQ(block.desc[0], '\0');
+
+    ASSERT_EQ(create_probe(third, &n3), 0U);
+    EXPECT_EQ(n3, n1);
+    run_to_end(second, n2);
+    run_to_end(third, n3);
+}
+
+TEST_F(TaskTest, TableHoldsAtMost1010LiveTasks)
+{
+    Gate release;
+    const auto wait_entry = [](uint64_t gate, uint64_t, uint64_t, uint64_t) {
+        reinterpret_cast<Gate *>(gate)->wait();
+    };
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&release), 0, 0, 0};
+    uint32_t created = 0;
+    for (uint32_t i = 0; i < VOS_MAX_TASK_NUM; ++i) {
+        uint32_t task_no = 0;
+        if (vos_create_task("filler", &task_no, wait_entry, 1, 262144, args) != 0) {
+            break;
+        }
+        ++created;
+    }
+    EXPECT_EQ(created, VOS_MAX_TASK_NUM);
+    uint32_t extra = 77;
+    EXPECT_EQ(vos_create_task("extra", &extra, wait_entry, 1, 262144, args), kNoBlock);
+    EXPECT_EQ(extra, 77U);
+    release.open();
+    // The gate lives on this stack: every task must be gone before the test returns.
+    EXPECT_TRUE(wait_until([] { return used_blocks() == 0; }, 30s));
+}
+
+TEST_F(TaskTest, RefusalsBeforeAnyThreadIsMade)
+{
+    const uint64_t args[4] = {};
+    const auto entry = [](uint64_t, uint64_t, uint64_t, uint64_t) {};
+    uint32_t task_no = 77;
+    const uint64_t ok_before = shared_load(g_creatthreadoknum);
+    EXPECT_EQ(vos_create_task("p", &task_no, entry, 256, 0, args), kNoBlock);
+    EXPECT_EQ(vos_create_task("p", nullptr, entry, 1, 0, args), kNullParam);
+    EXPECT_EQ(vos_create_task("p", &task_no, nullptr, 1, 0, args), kNullParam);
+    EXPECT_EQ(vos_create_task("p", &task_no, entry, 1, 0, nullptr), kNullParam);
+    EXPECT_EQ(task_no, 77U);
+    EXPECT_EQ(shared_load(g_creatthreadoknum), ok_before);
+    EXPECT_EQ(used_blocks(), 0U);
+}
+
+TEST_F(TaskTest, LookUpsOfNumbersThatNameNoTask)
+{
+    EXPECT_EQ(vos_delete_task(0), kBadId);
+    EXPECT_EQ(vos_delete_task(1011), kBadId);
+    EXPECT_EQ(vos_delete_task(5), kBadId);
+    EXPECT_EQ(vos_check_task_idvalid(0), 0U);
+    EXPECT_EQ(vos_check_task_idvalid(1011), 0U);
+    EXPECT_EQ(vos_get_sys_task_id(7), kFreeWord);
+    // The test's main thread is no task.
+    EXPECT_EQ(vos_get_sys_task_id(0), kFreeWord);
+    EXPECT_EQ(vos_get_current_task_id(), kNotFound);
+    EXPECT_EQ(vos_get_current_pid(), kFreeWord);
+}
+
+namespace {
+
+struct LoopProbe {
+    Gate go;
+    Gate started;
+    Gate unwound;
+    uint32_t self_delete = 1;
+};
+
+void open_unwound(void *probe)
+{
+    static_cast<LoopProbe *>(probe)->unwound.open();
+}
+
+void loop_entry(uint64_t probe_arg, uint64_t delete_itself, uint64_t, uint64_t)
+{
+    auto *probe = reinterpret_cast<LoopProbe *>(probe_arg);
+    pthread_cleanup_push(open_unwound, probe);
+    probe->go.wait(); // a task may run before its creator has recorded its thread
+    probe->started.open();
+    if (delete_itself != 0) {
+        probe->self_delete = vos_delete_task(vos_get_current_task_id());
+    }
+    for (;;) {
+        vos_task_delay(1000);
+    }
+    pthread_cleanup_pop(0);
+}
+
+} // namespace
+
+TEST_F(TaskTest, DeletingARunningTaskCancelsItAndFreesItsNumber)
+{
+    LoopProbe probe;
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), 0, 0, 0};
+    uint32_t task_no = 0;
+    ASSERT_EQ(vos_create_task("loop", &task_no, loop_entry, 1, 0, args), 0U);
+    probe.go.open();
+    ASSERT_TRUE(probe.started.wait_for(10s));
+    const uint64_t live = live_tasks();
+    EXPECT_EQ(vos_delete_task(task_no), 0U);
+    EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
+    EXPECT_EQ(live_tasks(), live - 1);
+    EXPECT_TRUE(probe.unwound.wait_for(10s));
+    EXPECT_EQ(vos_delete_task(task_no), kBadId);
+}
+
+TEST_F(TaskTest, ATaskDeletingItselfEndsAtItsNextCancellationPoint)
+{
+    LoopProbe probe;
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), 1, 0, 0};
+    uint32_t task_no = 0;
+    ASSERT_EQ(vos_create_task("selfdel", &task_no, loop_entry, 1, 0, args), 0U);
+    probe.go.open();
+    ASSERT_TRUE(probe.unwound.wait_for(10s));
+    EXPECT_EQ(probe.self_delete, 0U);
+    EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
+}
+
+TEST_F(TaskTest, DeletionNeedsALiveTaskCounted)
+{
+    TaskProbe probe;
+    uint32_t task_no = 0;
+    ASSERT_EQ(create_probe(probe, &task_no), 0U);
+    std::atomic_ref<uint64_t> live(m_task_dyn_info[0]);
+    const uint64_t saved = live.exchange(0);
+    EXPECT_EQ(vos_delete_task(task_no), kNoneLive);
+    live.fetch_add(saved);
+    EXPECT_EQ(vos_check_task_idvalid(task_no), 1U);
+    run_to_end(probe, task_no);
+}
+
+TEST_F(TaskTest, FailedThreadCreationLeavesNoBlockInUse)
+{
+    TaskProbe probe;
+    uint32_t task_no = 0;
+    const uint64_t failed_before = shared_load(g_creatthreadfailnum);
+    EXPECT_EQ(create_probe(probe, &task_no, "huge", 1, 1ULL << 47), kCreateFailed);
+    EXPECT_EQ(task_no, kNotFound);
+    EXPECT_EQ(used_blocks(), 0U);
+    EXPECT_EQ(shared_load(g_creatthreadfailnum), failed_before + 1);
+}
+
+TEST_F(TaskTest, PreemptiveTaskRunsRoundRobinOrIsRefusedWithoutPrivilege)
+{
+    uint32_t refused = 0;
+    uint32_t refused_no = 0;
+    bool unprivileged = false;
+    std::thread worker([&] {
+        drop_sched_privilege_of_this_thread();
+        unprivileged = !can_start_sched_rr();
+        if (unprivileged) {
+            TaskProbe never_runs;
+            refused = create_probe(never_runs, &refused_no, "rr", 1, 0, nullptr, 1);
+        }
+    });
+    worker.join();
+    if (unprivileged) {
+        EXPECT_EQ(refused, kCreateFailed);
+        EXPECT_EQ(refused_no, kNotFound);
+        EXPECT_EQ(used_blocks(), 0U);
+    }
+    if (!can_start_sched_rr()) {
+        GTEST_SKIP() << "this process may not start SCHED_RR threads (needs CAP_SYS_NICE or RLIMIT_RTPRIO)";
+    }
+    TaskProbe probe;
+    uint32_t task_no = 0;
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), 0, 0, 0};
+    ASSERT_EQ(vos_create_task_preempt("rr", &task_no, probe_entry, 128, 0, args), 0U);
+    EXPECT_EQ(g_p_task_cb[task_no].flags, 1U);
+    probe.go.open();
+    ASSERT_TRUE(probe.seen.wait_for(10s));
+    EXPECT_EQ(probe.policy, SCHED_RR);
+    run_to_end(probe, task_no);
+}
+
+TEST_F(TaskTest, DescriptionCopyFailureReleasesTheBlockAndTheLock)
+{
+    TaskProbe probe;
+    uint32_t task_no = 0;
+    g_fail_desc_copy.store(true);
+    EXPECT_EQ(create_probe(probe, &task_no, "desc", 1, 0, "a description"), 1U);
+    g_fail_desc_copy.store(false);
+    EXPECT_EQ(task_no, kNotFound);
+    EXPECT_EQ(used_blocks(), 0U);
+    ASSERT_EQ(pthread_mutex_trylock(&g_task_splmutex), 0) << "the SPL lock was left held";
+    pthread_mutex_unlock(&g_task_splmutex);
+}
+
+TEST_F(TaskTest, FailedClearOfTheTailKeepsTheBlockOutOfUse)
+{
+    TaskProbe probe;
+    uint32_t task_no = 0;
+    ASSERT_EQ(create_probe(probe, &task_no), 0U);
+    g_fail_tail_clear.store(true);
+    probe.go.open();
+    probe.finish.open();
+    ASSERT_TRUE(wait_until([&] { return !g_fail_tail_clear.load(); }, 10s));
+    ASSERT_TRUE(wait_until([&] { return shared_load(g_p_task_cb[task_no].tid) == kFreeWord; }, 10s));
+    EXPECT_TRUE(block_used(task_no));
+    TaskProbe next;
+    uint32_t next_no = 0;
+    ASSERT_EQ(create_probe(next, &next_no), 0U);
+    EXPECT_NE(next_no, task_no);
+    run_to_end(next, next_no);
+    free_task_cb(task_no); // clears it now that memset_s works again
+    EXPECT_FALSE(block_used(task_no));
+}
+
+TEST_F(TaskTest, ConcurrentCreatorsOfShortTasks)
+{
+    constexpr int kCreators = 4;
+    constexpr int kTasksEach = 40;
+    std::atomic<int> failures{0};
+    std::atomic<int> ran{0};
+    const auto count_entry = [](uint64_t counter, uint64_t, uint64_t, uint64_t) {
+        reinterpret_cast<std::atomic<int> *>(counter)->fetch_add(1);
+    };
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&ran), 0, 0, 0};
+    std::vector<std::thread> creators;
+    for (int c = 0; c < kCreators; ++c) {
+        creators.emplace_back([&] {
+            for (int i = 0; i < kTasksEach; ++i) {
+                uint32_t task_no = 0;
+                if (vos_create_task("short", &task_no, count_entry, 1, 0, args) != 0 || task_no == 0 ||
+                    task_no > VOS_MAX_TASK_NUM) {
+                    failures.fetch_add(1);
+                }
+            }
+        });
+    }
+    for (auto &creator : creators) {
+        creator.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_TRUE(wait_until([&] { return ran.load() == kCreators * kTasksEach; }, 20s));
+}
+
+TEST(TaskMisc, PidOffsetsCountUpAndTheDelayDelegates)
+{
+    const uint32_t offset = std::atomic_ref<uint32_t>(g_n_thread_count).load();
+    const int32_t first = vos_gen_pid_for_task();
+    EXPECT_EQ(first, g_n_local_process_id + static_cast<int32_t>(offset));
+    EXPECT_EQ(vos_gen_pid_for_task(), first + 1);
+    EXPECT_EQ(g_n_local_process_id, getpid());
+    EXPECT_EQ(vos_task_is_dispatching(), 1U);
+    const int64_t slept = elapsed_ms([] { EXPECT_EQ(vos_task_delay(40), 0U); });
+    EXPECT_GE(slept, 35);
+}
