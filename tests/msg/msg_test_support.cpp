@@ -1,6 +1,5 @@
 #include "msg_test_support.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/time.h>
@@ -52,37 +51,24 @@ bool inject(msg_test::MemFn fn, void *caller, int *code)
     return false;
 }
 
-#define CALLER __builtin_return_address(0)
-
-template <typename Fn> Fn real(const char *name)
-{
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
+
+// The interposers: each forwards to the host layer's function unless the injection strikes.
+#define INTERPOSE(name, fn_kind, params, args)                                                     \
+    int name params                                                                                \
+    {                                                                                              \
+        static auto next = reinterpret_cast<int(*) params>(dlsym(RTLD_NEXT, #name));               \
+        int code = 0;                                                                              \
+        return inject(msg_test::MemFn::fn_kind, __builtin_return_address(0), &code) ? code : next args; \
+    }
 
 extern "C" {
 
-int memset_s(void *dest, size_t dest_max, int c, size_t count)
-{
-    static auto fn = real<int (*)(void *, size_t, int, size_t)>("memset_s");
-    int code = 0;
-    return inject(msg_test::MemFn::kMemset, CALLER, &code) ? code : fn(dest, dest_max, c, count);
-}
-
-int memcpy_s(void *dest, size_t dest_max, const void *src, size_t count)
-{
-    static auto fn = real<int (*)(void *, size_t, const void *, size_t)>("memcpy_s");
-    int code = 0;
-    return inject(msg_test::MemFn::kMemcpy, CALLER, &code) ? code : fn(dest, dest_max, src, count);
-}
-
-int memmove_s(void *dest, size_t dest_max, const void *src, size_t count)
-{
-    static auto fn = real<int (*)(void *, size_t, const void *, size_t)>("memmove_s");
-    int code = 0;
-    return inject(msg_test::MemFn::kMemmove, CALLER, &code) ? code : fn(dest, dest_max, src, count);
-}
+INTERPOSE(memset_s, kMemset, (void *dest, size_t dest_max, int c, size_t count), (dest, dest_max, c, count))
+INTERPOSE(memcpy_s, kMemcpy, (void *dest, size_t dest_max, const void *src, size_t count),
+          (dest, dest_max, src, count))
+INTERPOSE(memmove_s, kMemmove, (void *dest, size_t dest_max, const void *src, size_t count),
+          (dest, dest_max, src, count))
 
 // The library's error rate limiter reads the wall clock through gettimeofday; tests move
 // it on to open a fresh window instead of waiting three seconds.
@@ -154,11 +140,8 @@ bool LogCapture::contains(const std::string &text) const
 int open_fds()
 {
     int n = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr) {
-            n++;
-        }
-        closedir(dir);
+    for (int fd = 0; fd < 1024; fd++) {
+        n += fd_is_open(fd) ? 1 : 0;
     }
     return n;
 }
