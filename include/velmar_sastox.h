@@ -14,5 +14,6 @@
 #include "vos_task.h"
 #include "dm_ipc.h"
 #include "dm_smbus.h"
+#include "dm_udp.h"
 
 #endif /* VELMAR_SASTOX_H */

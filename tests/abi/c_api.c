@@ -15,6 +15,7 @@ int main(void)
     check_queue();
     check_vos();
     check_ipc();
+    check_udp();
     if (c_api_failures == 0) {
         printf("c api: all checks passed\n");
     }

@@ -21,5 +21,6 @@ void check_hash(void);
 void check_queue(void);
 void check_vos(void);
 void check_ipc(void);
+void check_udp(void);
 
 #endif
