@@ -39,10 +39,28 @@ bool admit_error(FileLimiter &file, SiteCounter &site, uint64_t now_ms);
 
 } // namespace velmar::log
 
+// The limiter belongs to a source unit. A unit that is split over several files (the
+// poller, the framework context) still writes at most one error line per window, as
+// one file would: its CMakeLists gives those files DM_LOG_UNIT=<name> (see
+// velmar_log_unit in cmake/LogUnit.cmake), and exactly one of them says
+// DM_LOG_DEFINE_UNIT(). Any other file is a unit of its own.
+#ifdef DM_LOG_UNIT
+namespace velmar::log::unit {
+extern FileLimiter DM_LOG_UNIT;
+} // namespace velmar::log::unit
 namespace {
-// Each translation unit that includes this header is one "source file" for the limiter.
+[[maybe_unused]] ::velmar::log::FileLimiter &dm_log_file_limiter_ = ::velmar::log::unit::DM_LOG_UNIT;
+} // namespace
+#define DM_LOG_DEFINE_UNIT()                                                                      \
+    namespace velmar::log::unit {                                                                 \
+    FileLimiter DM_LOG_UNIT;                                                                      \
+    }
+#else
+namespace {
 [[maybe_unused]] ::velmar::log::FileLimiter dm_log_file_limiter_;
 } // namespace
+#define DM_LOG_DEFINE_UNIT()
+#endif
 
 #define DM_LOG_PREFIX "[%s:%d][%s] [%s %d] "
 #define DM_LOG_PREFIX_ARGS __FILE__, __LINE__, "device monitor", __func__, __LINE__

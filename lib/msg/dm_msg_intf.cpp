@@ -10,6 +10,9 @@
 #include "dm_msg.h"
 #include "msg/dm_msg_internal.h"
 
+// The error-line limiter shared by every file of this unit.
+DM_LOG_DEFINE_UNIT()
+
 // The self-loop copies addresses verbatim into its frames and peers read them back.
 static_assert(sizeof(DM_ADDR_ST) == DM_ADDR_LEN);
 static_assert(offsetof(DM_ADDR_ST, kind) == 0);

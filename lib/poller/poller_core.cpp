@@ -11,6 +11,9 @@
 #include "poller/poller_internal.h"
 #include "poller/poller_time.h"
 
+// The error-line limiter shared by every file of this unit.
+DM_LOG_DEFINE_UNIT()
+
 using namespace velmar::poller;
 
 namespace {
