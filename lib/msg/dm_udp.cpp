@@ -14,6 +14,9 @@
 #include "msg/dm_msg_internal.h"
 #include "msg/dm_udp_frame.h"
 
+// The error-line limiter shared with the frame file: the interface is one unit.
+DM_LOG_DEFINE_UNIT()
+
 using namespace velmar::msg;
 
 namespace {
