@@ -162,6 +162,23 @@ TEST(BinarySemaphore, WokenWaiterTakesTheUnitAheadOfANewcomer)
     EXPECT_EQ(snapshot(sem.get()).count, 1);
 }
 
+TEST(BinarySemaphore, FreeUnitIsNotTakenWhileOthersAreQueued)
+{
+    LockRecord sem(kBinary, 1);
+    THREAD_TIMED_MUTEX_ST *m = sem.get();
+    const auto set_queued = [m](int32_t n) {
+        pthread_mutex_lock(&m->mutex);
+        m->wait_num = n;
+        pthread_mutex_unlock(&m->mutex);
+    };
+    set_queued(1); // as if a woken waiter had not yet run to take its unit
+    EXPECT_EQ(thread_timed_mutex_lock(m, 30), kTimeout);
+    EXPECT_EQ(thread_timed_mutex_trylock(m, 0), kBusy);
+    EXPECT_EQ(snapshot(m).count, 1);
+    set_queued(0);
+    EXPECT_EQ(thread_timed_mutex_lock(m, 30), 0U);
+}
+
 TEST(CountingSemaphore, FourthTakeWaitsWithTheCountAtMinusOne)
 {
     LockRecord sem(kCounting, 3);
