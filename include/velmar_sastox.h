@@ -13,6 +13,7 @@
 #include "vos_queue.h"
 #include "vos_task.h"
 #include "dm_ipc.h"
+#include "dm_hdc.h"
 #include "dm_smbus.h"
 #include "dm_udp.h"
 

@@ -16,6 +16,7 @@ int main(void)
     check_vos();
     check_ipc();
     check_udp();
+    check_hdc();
     if (c_api_failures == 0) {
         printf("c api: all checks passed\n");
     }

@@ -22,5 +22,6 @@ void check_queue(void);
 void check_vos(void);
 void check_ipc(void);
 void check_udp(void);
+void check_hdc(void);
 
 #endif
