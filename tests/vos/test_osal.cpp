@@ -180,31 +180,6 @@ TEST(OsalCreate, PreemptiveThreadWithoutPrivilegeIsRefusedWithCode2)
     EXPECT_EQ(load_counter(g_creatthreadfailnum), fail_before + 1);
 }
 
-TEST(OsalAttributes, NormalSetIsSchedOtherPriorityZeroWhateverThePriority)
-{
-    for (uint64_t priority : {0ULL, 99ULL, 255ULL}) {
-        pthread_attr_t attr;
-        ASSERT_EQ(set_thread_attr_by_prio(priority, &attr), 0U);
-        int policy = -1;
-        int inherit = -1;
-        int detach = -1;
-        int scope = -1;
-        sched_param param{};
-        param.sched_priority = -1;
-        pthread_attr_getschedpolicy(&attr, &policy);
-        pthread_attr_getschedparam(&attr, &param);
-        pthread_attr_getinheritsched(&attr, &inherit);
-        pthread_attr_getdetachstate(&attr, &detach);
-        pthread_attr_getscope(&attr, &scope);
-        EXPECT_EQ(policy, SCHED_OTHER);
-        EXPECT_EQ(param.sched_priority, 0);
-        EXPECT_EQ(inherit, PTHREAD_EXPLICIT_SCHED);
-        EXPECT_EQ(detach, PTHREAD_CREATE_DETACHED);
-        EXPECT_EQ(scope, PTHREAD_SCOPE_SYSTEM);
-        pthread_attr_destroy(&attr);
-    }
-}
-
 TEST(OsalAttributes, PreemptSetScalesPriorityOntoTheRoundRobinRange)
 {
     if (sched_get_priority_min(SCHED_RR) != 1 || sched_get_priority_max(SCHED_RR) != 99) {
@@ -222,12 +197,6 @@ TEST(OsalAttributes, PreemptSetScalesPriorityOntoTheRoundRobinRange)
         EXPECT_EQ(param.sched_priority, expected) << "priority " << priority;
         pthread_attr_destroy(&attr);
     }
-}
-
-TEST(OsalAttributes, NullAttributeObjectIsRefused)
-{
-    EXPECT_EQ(set_thread_attr_by_prio(1, nullptr), 1U);
-    EXPECT_EQ(set_thread_attr_by_prio_preempt(1, nullptr), 1U);
 }
 
 namespace {

@@ -326,30 +326,24 @@ void loop_entry(uint64_t probe_arg, uint64_t delete_itself, uint64_t, uint64_t)
 
 TEST_F(TaskTest, DeletingARunningTaskCancelsItAndFreesItsNumber)
 {
-    LoopProbe probe;
-    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), 0, 0, 0};
-    uint32_t task_no = 0;
-    ASSERT_EQ(vos_create_task("loop", &task_no, loop_entry, 1, 0, args), 0U);
-    probe.go.open();
-    ASSERT_TRUE(probe.started.wait_for(10s));
-    const uint64_t live = live_tasks();
-    EXPECT_EQ(vos_delete_task(task_no), 0U);
-    EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
-    EXPECT_EQ(live_tasks(), live - 1);
-    EXPECT_TRUE(probe.unwound.wait_for(10s));
-    EXPECT_EQ(vos_delete_task(task_no), kBadId);
-}
-
-TEST_F(TaskTest, ATaskDeletingItselfEndsAtItsNextCancellationPoint)
-{
-    LoopProbe probe;
-    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), 1, 0, 0};
-    uint32_t task_no = 0;
-    ASSERT_EQ(vos_create_task("selfdel", &task_no, loop_entry, 1, 0, args), 0U);
-    probe.go.open();
-    ASSERT_TRUE(probe.unwound.wait_for(10s));
-    EXPECT_EQ(probe.self_delete, 0U);
-    EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
+    for (uint64_t delete_itself : {0, 1}) {
+        LoopProbe probe;
+        const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), delete_itself, 0, 0};
+        uint32_t task_no = 0;
+        ASSERT_EQ(vos_create_task("loop", &task_no, loop_entry, 1, 0, args), 0U);
+        const uint64_t live = live_tasks();
+        probe.go.open();
+        ASSERT_TRUE(probe.started.wait_for(10s));
+        if (delete_itself == 0) {
+            EXPECT_EQ(vos_delete_task(task_no), 0U);
+        }
+        // A task that deletes itself goes on until its next cancellation point.
+        EXPECT_TRUE(probe.unwound.wait_for(10s));
+        EXPECT_EQ(probe.self_delete, delete_itself != 0 ? 0U : 1U);
+        EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
+        EXPECT_EQ(live_tasks(), live - 1);
+        EXPECT_EQ(vos_delete_task(task_no), kBadId);
+    }
 }
 
 TEST_F(TaskTest, DeletionNeedsALiveTaskCounted)
@@ -469,16 +463,4 @@ TEST_F(TaskTest, ConcurrentCreatorsOfShortTasks)
     }
     EXPECT_EQ(failures.load(), 0);
     EXPECT_TRUE(wait_until([&] { return ran.load() == kCreators * kTasksEach; }, 20s));
-}
-
-TEST(TaskMisc, PidOffsetsCountUpAndTheDelayDelegates)
-{
-    const uint32_t offset = std::atomic_ref<uint32_t>(g_n_thread_count).load();
-    const int32_t first = vos_gen_pid_for_task();
-    EXPECT_EQ(first, g_n_local_process_id + static_cast<int32_t>(offset));
-    EXPECT_EQ(vos_gen_pid_for_task(), first + 1);
-    EXPECT_EQ(g_n_local_process_id, getpid());
-    EXPECT_EQ(vos_task_is_dispatching(), 1U);
-    const int64_t slept = elapsed_ms([] { EXPECT_EQ(vos_task_delay(40), 0U); });
-    EXPECT_GE(slept, 35);
 }
