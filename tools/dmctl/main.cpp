@@ -1,0 +1,60 @@
+// dmctl: a command-line peer for the framework's transports, built on the public C API.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cli.h"
+#include "commands.h"
+
+namespace {
+
+void print_help(FILE *out)
+{
+    fputs("usage: dmctl COMMAND [OPTIONS]\n"
+          "\n"
+          "commands:\n"
+          "  serve   answer requests on UDP, HDC or IPC (echoes the payload)\n"
+          "  send    send one request and print the answer\n"
+          "  bench   closed-loop load against a server: round trips per second, latency\n"
+          "  demo    one self-contained run over the self-loop, UDP and HDC\n"
+          "\n"
+          "dmctl COMMAND --help describes a command. Example:\n"
+          "  dmctl serve --udp 127.0.0.1:5555 &\n"
+          "  dmctl send --udp 127.0.0.1:5555 hello\n"
+          "\n"
+          "Exit status: 0 success, 1 timed out (bench, demo: something failed), 2 usage or\n"
+          "set-up error.\n",
+          out);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    dmctl::apply_default_log_level();
+    if (argc < 2) {
+        print_help(stderr);
+        return dmctl::kExitUsage;
+    }
+    const char *command = argv[1];
+    if (strcmp(command, "--help") == 0 || strcmp(command, "-h") == 0 ||
+        strcmp(command, "help") == 0) {
+        print_help(stdout);
+        return dmctl::kExitOk;
+    }
+    if (strcmp(command, "serve") == 0) {
+        return dmctl::run_serve(argc, argv);
+    }
+    if (strcmp(command, "send") == 0) {
+        return dmctl::run_send(argc, argv);
+    }
+    if (strcmp(command, "bench") == 0) {
+        return dmctl::run_bench(argc, argv);
+    }
+    if (strcmp(command, "demo") == 0) {
+        return dmctl::run_demo(argc, argv);
+    }
+    fprintf(stderr, "dmctl: unknown command '%s' (serve, send, bench, demo; dmctl --help)\n",
+            command);
+    return dmctl::kExitUsage;
+}
