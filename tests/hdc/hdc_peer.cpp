@@ -1,9 +1,9 @@
 // The other daemon of the two-process HDC tests.
 //
-//   hdc_peer server <intf_num>
+//   hdc_peer server <intf_num> <count>
 //       serves device <intf_num>, answering every request with its payload as it
-//       arrived; prints "ready" once it listens, and when standard input closes, one
-//       line per request it saw; exits 0.
+//       arrived; prints "ready" once it listens, and after <count> requests one line
+//       per request; exits 0, or 1 when they did not come within 10 s.
 //   hdc_peer client <intf_num> <dev_id> <len>...
 //       sends one request of each length to device <dev_id>, one after the other, and
 //       prints one line per answer; exits 0 when every answer came, 1 otherwise.
@@ -11,8 +11,6 @@
 // A line: "len=<n> word=<bytes 8..11> src_type=<t> src_index=<i> src_id=<s> role=<r>
 // intact=<0|1>", where intact says that the data equals pattern(len) outside the word
 // at bytes 8 to 11.
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +23,7 @@ using namespace hdc_test;
 
 namespace {
 
-int serve(uint32_t intf_num)
+int serve(uint32_t intf_num, size_t count)
 {
     HdcContext ctx;
     Inbox inbox;
@@ -34,13 +32,11 @@ int serve(uint32_t intf_num)
     }
     printf("ready\n");
     fflush(stdout);
-    char byte = 0;
-    while (read(STDIN_FILENO, &byte, 1) > 0) {
-    }
-    for (const Seen &seen : inbox.wait(inbox.size())) {
+    const std::vector<Seen> requests = inbox.wait(count);
+    for (const Seen &seen : requests) {
         printf("%s\n", describe(seen).c_str());
     }
-    return 0;
+    return requests.size() == count ? 0 : 1;
 }
 
 int ask(uint32_t intf_num, uint32_t dev_id, const std::vector<size_t> &lens)
@@ -67,8 +63,8 @@ int ask(uint32_t intf_num, uint32_t dev_id, const std::vector<size_t> &lens)
 
 int main(int argc, char **argv)
 {
-    if (argc == 3 && strcmp(argv[1], "server") == 0) {
-        return serve(static_cast<uint32_t>(atoi(argv[2])));
+    if (argc == 4 && strcmp(argv[1], "server") == 0) {
+        return serve(static_cast<uint32_t>(atoi(argv[2])), static_cast<size_t>(atoi(argv[3])));
     }
     if (argc >= 4 && strcmp(argv[1], "client") == 0) {
         std::vector<size_t> lens;
@@ -78,6 +74,7 @@ int main(int argc, char **argv)
         return ask(static_cast<uint32_t>(atoi(argv[2])), static_cast<uint32_t>(atoi(argv[3])),
                    lens);
     }
-    fprintf(stderr, "usage: hdc_peer server <intf_num> | client <intf_num> <dev_id> <len>...\n");
+    fprintf(stderr,
+            "usage: hdc_peer server <intf_num> <count> | client <intf_num> <dev_id> <len>...\n");
     return 2;
 }

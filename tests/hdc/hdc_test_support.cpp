@@ -9,8 +9,6 @@
 #include <fstream>
 #include <thread>
 
-#include "host_platform.h"
-
 namespace hdc_test {
 
 bool wait_for(const std::function<bool()> &done, std::chrono::milliseconds limit)
@@ -238,35 +236,6 @@ int RawClient::recv(HDC_SESSION session, std::string &out, uint32_t timeout_ms)
     }
     drvHdcFreeMsg(msg);
     return ret;
-}
-
-LogCapture::LogCapture()
-{
-    host_dlog_set_level(0);
-    host_dlog_set_sink(sink, this);
-}
-
-LogCapture::~LogCapture()
-{
-    host_dlog_set_sink(nullptr, nullptr);
-    host_dlog_set_level(-1);
-}
-
-void LogCapture::sink(int, const char *line, void *ctx)
-{
-    auto *self = static_cast<LogCapture *>(ctx);
-    std::lock_guard<std::mutex> guard(self->mutex_);
-    self->lines_.emplace_back(line);
-}
-
-int LogCapture::count(const std::string &text)
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    int n = 0;
-    for (const auto &line : lines_) {
-        n += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return n;
 }
 
 } // namespace hdc_test

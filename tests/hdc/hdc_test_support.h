@@ -119,17 +119,4 @@ private:
     HDC_CLIENT client_ = nullptr;
 };
 
-// Captures device-log lines of every level while it lives.
-class LogCapture {
-public:
-    LogCapture();
-    ~LogCapture();
-    int count(const std::string &text);
-
-private:
-    static void sink(int level, const char *line, void *ctx);
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
-
 } // namespace hdc_test
