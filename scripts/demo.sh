@@ -1,21 +1,12 @@
 #!/usr/bin/env bash
-# Runs the demo from a build folder. The demo grows with the transports.
+# Runs the demo from a build folder: dmctl demo, which shows the framework over the
+# self-loop, UDP on loopback and HDC through the host simulator, between processes, with
+# one request that times out on purpose. The example programs in examples/ run as tests.
 set -euo pipefail
 build=${1:-build/release}
-here=$(dirname "$0")
-ran=0
-if [ -x "$build/examples/selfloop_daemon" ]; then
-  echo "=== self-loop: one process sends itself requests"
-  "$build/examples/selfloop_daemon"
-  ran=1
-fi
-if [ -x "$build/examples/udp_client" ]; then
-  echo
-  echo "=== UDP: an echo server and a client, two processes on 127.0.0.1"
-  "$here/udp_demo.sh" "$build"
-  ran=1
-fi
-if [ "$ran" -eq 0 ]; then
-  echo "demo: no demo program has been built yet in $build" >&2
+dmctl="$build/tools/dmctl/dmctl"
+if [ ! -x "$dmctl" ]; then
+  echo "demo: $dmctl has not been built (make demo builds it)" >&2
   exit 1
 fi
+exec "$dmctl" demo

@@ -250,13 +250,16 @@ void add_target_options(std::vector<Option> &options, std::vector<Target> &targe
 
 std::string describe(const Target &target)
 {
-    std::string text = transport_name(target.transport);
+    // snprintf rather than string concatenation, which trips GCC 12's -Wrestrict at -O3.
+    char text[64];
     if (target.transport == Transport::udp) {
         char host[INET_ADDRSTRLEN] = "?";
         inet_ntop(AF_INET, &target.udp.sin_addr, host, sizeof(host));
-        text += std::string(" ") + host + ":" + std::to_string(ntohs(target.udp.sin_port));
-    } else if (target.transport != Transport::selfloop) {
-        text += " " + std::to_string(target.number);
+        snprintf(text, sizeof(text), "udp %s:%u", host, ntohs(target.udp.sin_port));
+    } else if (target.transport == Transport::selfloop || target.transport == Transport::none) {
+        snprintf(text, sizeof(text), "%s", transport_name(target.transport));
+    } else {
+        snprintf(text, sizeof(text), "%s %u", transport_name(target.transport), target.number);
     }
     return text;
 }
