@@ -105,10 +105,6 @@ int32_t __dm_udp_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
         DM_CHECK_FAILED("(msg != ((void *)0))");
         return -12;
     }
-    if (memset_s(frame, sizeof(*frame), 0, sizeof(*frame)) != 0) {
-        DM_LOG_ERR("__dm_udp_recv: memset_s fail.errno=%d\n", errno);
-        return -22;
-    }
     if ((events & 0x0001) == 0) {
         return 0;
     }
@@ -123,6 +119,17 @@ int32_t __dm_udp_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
         int err = errno;
         DM_LOG_ERR("__dm_udp_recv: recvfrom fail.errno=%d\r\n", err);
         return err;
+    }
+    // A datagram shorter than a frame reads as zeros beyond its end, as if the buffer
+    // had been cleared before the read; clearing only what it left untouched spares a
+    // pass over 4138 bytes for every ordinary frame.
+    const size_t filled = static_cast<size_t>(len);
+    if (filled < sizeof(*frame)) {
+        const size_t rest = sizeof(*frame) - filled;
+        if (memset_s(reinterpret_cast<uint8_t *>(frame) + filled, rest, 0, rest) != 0) {
+            DM_LOG_ERR("__dm_udp_recv: memset_s fail.errno=%d\n", errno);
+            return -22;
+        }
     }
     if (!__dm_udp_well_formed(frame, len)) {
         return -1;

@@ -45,9 +45,8 @@ sockaddr_in udp_sockaddr_of(const DM_ADDR_ST *addr)
 void __format_udp_msg(DM_UDP_MSG_ST *frame, uint32_t type, const DM_ADDR_ST *dest,
                       const DM_ADDR_ST *own, const DM_DATA_ST *data, uint64_t req_id)
 {
-    if (memset_s(frame, sizeof(*frame), 0, sizeof(*frame)) != 0) {
-        DM_LOG_ERR("memset_s error\n");
-    }
+    // The send hands the frame over zeroed already; a second pass over its 4138 bytes
+    // would double the cost of clearing every message.
     frame->src_port = host_port_of(own);
     frame->dst_port = host_port_of(dest);
     frame->reserved = 0;

@@ -14,8 +14,9 @@ namespace velmar::msg {
 // The IPv4 address in an address record's `sa`.
 sockaddr_in udp_sockaddr_of(const DM_ADDR_ST *addr);
 
-// Fills `frame` (4138 bytes) for a send from the interface whose own address is `own` to
-// `dest`. A failing copy of the payload is logged and leaves data_len 0 in the frame.
+// Fills a zeroed `frame` (4138 bytes) for a send from the interface whose own address is
+// `own` to `dest`. A failing copy of the payload is logged and leaves data_len 0 in the
+// frame.
 void __format_udp_msg(DM_UDP_MSG_ST *frame, uint32_t type, const DM_ADDR_ST *dest,
                       const DM_ADDR_ST *own, const DM_DATA_ST *data, uint64_t req_id);
 
