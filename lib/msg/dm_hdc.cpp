@@ -42,6 +42,7 @@ constexpr int kServerCreateRetries = 40; // give up at a failure with more earli
 constexpr uint64_t kServerCreateDelayMs = 3000;
 constexpr int kClientMaxSessions = 64;
 constexpr char kReleasingName[] = "dm_hdc";
+constexpr int kWantedPipeBytes = 1 << 20;
 
 // Set by the close slot: lets dm_hdc_init learn that a refused registration has already
 // closed and released its record (the list's free callback runs on the registering
@@ -108,7 +109,7 @@ int32_t __dm_hdc_close(DM_INTF_ST *intf)
 }
 
 // pipe, then non-blocking and close-on-exec, read end first in each pair. The first
-// failure returns errno and leaves the pipe open, as the original channel code did.
+// failure returns errno at once and deliberately leaves the pipe open.
 int __dm_hdc_make_pipe(DM_INTF_ST *intf)
 {
     int fds[2] = {-1, -1};
@@ -120,6 +121,10 @@ int __dm_hdc_make_pipe(DM_INTF_ST *intf)
         fcntl(fds[0], F_SETFD, FD_CLOEXEC) != 0 || fcntl(fds[1], F_SETFD, FD_CLOEXEC) != 0) {
         return errno;
     }
+    // Frames wait here while the poller thread is busy, and one that does not fit is
+    // dropped (see __hdc_write_to_pipe): ask for room for a few hundred. Unprivileged
+    // processes may get less, which only means earlier drops.
+    (void)fcntl(fds[1], F_SETPIPE_SZ, kWantedPipeBytes);
     intf->fd = fds[0];
     intf->wfd = fds[1];
     return 0;

@@ -2,6 +2,7 @@
 // raw simulator client, the pipe's reader, retries shortened by fault injection, many
 // senders at once, and what closing stops.
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -23,6 +24,17 @@ int open_fds()
 {
     return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                                           std::filesystem::directory_iterator{}));
+}
+
+// Holds the poller thread in the handler until released, so that the pipe fills up.
+// The answer closes the request's session.
+std::atomic<bool> g_hold{false};
+int32_t held_echo(DM_INTF_ST *intf, DM_MSG_ST *msg, void *user_data, uint32_t len)
+{
+    while (g_hold.load()) {
+        std::this_thread::sleep_for(1ms);
+    }
+    return Inbox::echo(intf, msg, user_data, len);
 }
 
 template <typename T> T field(const std::string &frame, size_t offset)
@@ -156,6 +168,46 @@ TEST(HdcIntf, ThePipesReaderTakesFramesUpToTheLimitAndDropsLongerOnes)
     // A client leaves src_type and src_index alone; its peer is a server (role 1).
     EXPECT_EQ(describe(seen[0]),
               "len=4096 word=4084 src_type=0 src_index=0 src_id=22 role=1 intact=1");
+}
+
+TEST(HdcIntf, AFullPipeDropsWholeFramesAndNeverAPart)
+{
+    HdcContext ctx;
+    Inbox inbox;
+    DM_INTF_ST *server = ctx.open(DM_HDC_ROLE_SERVER, 30, 0);
+    ASSERT_NE(server, nullptr);
+    ASSERT_EQ(ctx.serve(&inbox, held_echo), 0);
+    RawClient peer;
+    // Sends `n` frames on sessions of their own; returns once each is in the pipe or dropped.
+    auto push = [&](int n, uint64_t req_id) {
+        const uint64_t received = host_hdc_call_count("halHdcRecv");
+        const std::string frame = make_frame(0, 30, 0, req_id, DM_MSG_REQ, pattern(4096));
+        for (int i = 0; i < n; ++i) {
+            HDC_SESSION session = nullptr;
+            ASSERT_TRUE(wait_for([&] { return (session = peer.connect(30)) != nullptr; }));
+            ASSERT_EQ(RawClient::send(session, frame), 0);
+            drvHdcSessionClose(session);
+        }
+        ASSERT_TRUE(wait_for([&] { return host_hdc_call_count("halHdcRecv") == received + n; }));
+        ASSERT_TRUE(wait_for([] { return threads_named(kSessionThread) == 0; }));
+    };
+    g_hold = true;
+    push(300, 1); // 1.2 MB: more than a 1 MiB pipe holds
+    // A slow reader takes two frames; one more fits behind whatever the last write left.
+    std::string two(2 * (DM_HDC_HEADER_LEN + 4096), '\0');
+    ASSERT_EQ(read(server->fd, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+    push(1, 1);
+    g_hold = false;
+    int queued = 1;
+    ASSERT_TRUE(wait_for([&] { return ioctl(server->fd, FIONREAD, &queued) == 0 && queued == 0; }));
+    push(1, 2); // into the drained pipe: when it arrives, all before it have
+    ASSERT_TRUE(wait_for([&] { return inbox.size() > 0 && inbox.wait(0).back().req_id == 2; }));
+    const std::vector<Seen> seen = inbox.wait(0);
+    EXPECT_LT(seen.size(), 300U);
+    for (const Seen &one : seen) {
+        ASSERT_EQ(describe(one), "len=4096 word=4084 src_type=1 src_index=" +
+                                     std::to_string(getuid()) + " src_id=30 role=0 intact=1");
+    }
 }
 
 TEST(HdcIntf, AServerClosesASessionAfterFiveReceiveTimeouts)
