@@ -126,14 +126,13 @@ Context::~Context()
 {
     // A server's channel goes first, so that no new session starts on a record that
     // dm_destroy is about to free; its accept thread leaves once dm_destroy has stopped
-    // the accept loops.
+    // the accept loops. Destroying the server is the only way to wake that thread, and it
+    // reports the failed accept as an error line, possibly after dm_destroy has
+    // returned. Here that is the normal end of a server, so unless the user chose a log
+    // level the log stays quiet from now on (the context goes only when dmctl ends).
     const bool servers =
         std::any_of(hdc_.begin(), hdc_.end(), [](const HdcChannel &ch) { return ch.server; });
-    // Destroying its server is the only way to wake an accept thread, and it reports
-    // the failed accept as an error line; here that is the normal end of a server, so
-    // the log is quiet meanwhile unless the user asked for a level.
-    const bool quiet = servers && !user_chose_log_level();
-    if (quiet) {
+    if (servers && !user_chose_log_level()) {
         host_dlog_set_level(4);
     }
     for (const HdcChannel &ch : hdc_) {
@@ -142,9 +141,6 @@ Context::~Context()
         }
     }
     dm_destroy(cb_);
-    if (quiet) {
-        host_dlog_set_level(-1);
-    }
     for (const HdcChannel &ch : hdc_) {
         if (!ch.server) {
             destroy_hdc_handle(ch.cell, false);
