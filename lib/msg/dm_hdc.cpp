@@ -11,6 +11,7 @@
 
 #include "common/dm_log.h"
 #include "msg/dm_hdc_internal.h"
+#include "msg/dm_intf_helper.h"
 #include "vos_task.h"
 
 static_assert(sizeof(DM_HDC_ADDR_ST) == DM_ADDR_LEN);
@@ -34,6 +35,7 @@ bool hdc_running() { return std::atomic_ref<int>(g_dm_hdc_run).load() != 0; }
 } // namespace velmar::hdc
 
 using namespace velmar::hdc;
+using namespace velmar::msg;
 
 namespace {
 
@@ -43,11 +45,6 @@ constexpr uint64_t kServerCreateDelayMs = 3000;
 constexpr int kClientMaxSessions = 64;
 constexpr char kReleasingName[] = "dm_hdc";
 constexpr int kWantedPipeBytes = 1 << 20;
-
-// Set by the close slot: lets dm_hdc_init learn that a refused registration has already
-// closed and released its record (the list's free callback runs on the registering
-// thread), so that it never closes or frees it twice.
-thread_local const DM_INTF_ST *t_closed_intf = nullptr;
 
 bool valid_addr(const DM_ADDR_ST *addr)
 {
@@ -62,20 +59,6 @@ int32_t __dm_hdc_send_ex(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, uint
     return __dm_hdc_send(intf, type, addr, addr_len, data, req_id);
 }
 
-int32_t __dm_hdc_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)
-{
-    std::atomic_ref<int32_t>(intf->retry_cnt).store(retry_cnt, std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(intf->timeout_ms).store(timeout_ms, std::memory_order_relaxed);
-    return 0;
-}
-
-int32_t __dm_hdc_get_retry(DM_INTF_ST *intf, int32_t *retry_cnt, uint32_t *timeout_ms)
-{
-    *retry_cnt = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
-    *timeout_ms = std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
-    return 0;
-}
-
 void __dm_hdc_close_fd(int fd)
 {
     if (mmCloseFile(fd) != 0) {
@@ -88,7 +71,7 @@ void __dm_hdc_close_fd(int fd)
 // and session threads of a numbered interface may still hold the handle and the pipe.
 int32_t __dm_hdc_close(DM_INTF_ST *intf)
 {
-    t_closed_intf = intf;
+    note_intf_closed(intf);
     std::atomic_ref<int>(g_dm_hdc_run).store(0);
     if (strncmp(intf->name, kReleasingName, DM_INTF_NAME_LEN) != 0) {
         return 0;
@@ -241,8 +224,8 @@ void __dm_hdc_fill(DM_INTF_ST *intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HNDL_FN timeout
     intf->recv_msg = __dm_hdc_recv;
     intf->send_msg = __dm_hdc_send;
     intf->send_msg_ex = __dm_hdc_send_ex;
-    intf->set_retry = __dm_hdc_set_retry;
-    intf->get_retry = __dm_hdc_get_retry;
+    intf->set_retry = intf_set_retry;
+    intf->get_retry = intf_get_retry;
     intf->timeout_hndl = timeout_hndl;
     intf->close = __dm_hdc_close;
     intf->dm_cb = dm_cb;
@@ -252,16 +235,15 @@ void __dm_hdc_fill(DM_INTF_ST *intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HNDL_FN timeout
 // a refusal by the poller has already closed and released it through the list.
 int __dm_hdc_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
 {
-    t_closed_intf = nullptr;
-    int ret = dm_intf_register(dm_cb, intf);
+    bool released = false;
+    int ret = register_intf(dm_cb, intf, &released);
     if (ret != 0) {
         DM_LOG_ERR("dm_hdc_init->dm_intf_register fail.\n");
-        if (t_closed_intf != intf) {
+        if (!released) {
             __dm_hdc_close(intf);
             free(intf);
         }
     }
-    t_closed_intf = nullptr;
     return ret;
 }
 

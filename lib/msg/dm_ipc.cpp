@@ -13,9 +13,12 @@
 #include "common/dm_log.h"
 #include "dm_ipc.h"
 #include "dm_msg.h"
+#include "msg/dm_intf_helper.h"
 
 static_assert(offsetof(DM_ADDR_ST, peer_id) == 8, "the device id sits at offset 8");
 static_assert(sizeof(DM_ADDR_ST) == DM_ADDR_LEN);
+
+using namespace velmar::msg;
 
 extern "C" {
 DM_EXPORT uint8_t dm_ipc_recv_msg[32] = {0};
@@ -34,11 +37,6 @@ constexpr uint16_t kLengthMask = 0xFF; // the device manager takes one length by
 // Numbers received messages across every IPC interface of the process. Atomic because
 // each framework context has its own poller thread.
 std::atomic<uint64_t> g_ipc_recv_count{0};
-
-// Set by the close slot: lets dm_ipc_init learn that a refused registration has already
-// closed and released its record (the list's free callback runs on the registering
-// thread), so that it never closes or frees it twice.
-thread_local const DM_INTF_ST *t_closed_intf = nullptr;
 
 uint32_t own_dev_id(const DM_INTF_ST *intf) { return intf->addr.peer_id; }
 
@@ -75,7 +73,7 @@ int32_t __dm_ipc_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
 // is still the one its address gives.
 int32_t __dm_ipc_close(DM_INTF_ST *intf)
 {
-    t_closed_intf = intf;
+    note_intf_closed(intf);
     char name[DM_INTF_NAME_LEN] = {0};
     if (dm_ipc_get_intf_name(static_cast<int>(own_dev_id(intf)), name, sizeof(name)) != 0) {
         return 0;
@@ -83,20 +81,6 @@ int32_t __dm_ipc_close(DM_INTF_ST *intf)
     if (strncmp(name, intf->name, DM_INTF_NAME_LEN) == 0) {
         close(intf->fd);
     }
-    return 0;
-}
-
-int32_t __dm_ipc_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)
-{
-    std::atomic_ref<int32_t>(intf->retry_cnt).store(retry_cnt, std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(intf->timeout_ms).store(timeout_ms, std::memory_order_relaxed);
-    return 0;
-}
-
-int32_t __dm_ipc_get_retry(DM_INTF_ST *intf, int32_t *retry_cnt, uint32_t *timeout_ms)
-{
-    *retry_cnt = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
-    *timeout_ms = std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
     return 0;
 }
 
@@ -151,25 +135,23 @@ void __dm_ipc_fill(DM_INTF_ST *intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HNDL_FN timeout
     intf->recv_msg = __dm_ipc_recv;
     intf->send_msg = __dm_ipc_send;
     intf->send_msg_ex = __dm_ipc_settime_send;
-    intf->set_retry = __dm_ipc_set_retry;
-    intf->get_retry = __dm_ipc_get_retry;
+    intf->set_retry = intf_set_retry;
+    intf->get_retry = intf_get_retry;
     intf->timeout_hndl = timeout_hndl;
     intf->close = __dm_ipc_close;
     intf->dm_cb = dm_cb;
 }
 
 // Registers the finished record. A refusal by the list leaves it ours to close and free;
-// a refusal by the poller has already closed and released it through the list. Either
-// way the record is no longer listed, so the close slot's mark tells the two apart.
+// a refusal by the poller has already closed and released it through the list.
 int __dm_ipc_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
 {
-    t_closed_intf = nullptr;
-    int ret = dm_intf_register(dm_cb, intf);
-    if (ret != 0 && t_closed_intf != intf) {
+    bool released = false;
+    int ret = register_intf(dm_cb, intf, &released);
+    if (ret != 0 && !released) {
         __dm_ipc_close(intf);
         free(intf);
     }
-    t_closed_intf = nullptr;
     return ret;
 }
 

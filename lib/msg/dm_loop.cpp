@@ -31,6 +31,7 @@
 #include "common/dm_log.h"
 #include "dm_loop.h"
 #include "dm_msg.h"
+#include "msg/dm_intf_helper.h"
 #include "msg/dm_msg_internal.h"
 
 static_assert(sizeof(SELF_MSG_ST) - DM_MAX_DATA_LEN == SELF_MSG_HEADER_LEN);
@@ -73,10 +74,6 @@ struct Selfloop {
 };
 
 Selfloop *selfloop_of(DM_INTF_ST *intf) { return reinterpret_cast<Selfloop *>(intf); }
-
-// Set by the close slot: tells selfloop_init whether a refused registration has already
-// closed and released its record (see __selfloop_register).
-thread_local const DM_INTF_ST *t_closed_intf = nullptr;
 
 uint32_t pages_for(const Selfloop *s, uint32_t len) { return (len + s->page_size - 1) / s->page_size; }
 
@@ -296,7 +293,7 @@ void __selfloop_close_fd(int fd)
 int32_t __selfloop_close(DM_INTF_ST *intf)
 {
     Selfloop *s = selfloop_of(intf);
-    t_closed_intf = intf;
+    note_intf_closed(intf);
     __selfloop_drop_queue(s);
     s->lock.~mutex();
     // Only the context's own self-loop gives its pipe back; keep it that way.
@@ -304,20 +301,6 @@ int32_t __selfloop_close(DM_INTF_ST *intf)
         __selfloop_close_fd(intf->fd);
         __selfloop_close_fd(intf->wfd);
     }
-    return 0;
-}
-
-int32_t __selfloop_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)
-{
-    std::atomic_ref<int32_t>(intf->retry_cnt).store(retry_cnt, std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(intf->timeout_ms).store(timeout_ms, std::memory_order_relaxed);
-    return 0;
-}
-
-int32_t __selfloop_get_retry(DM_INTF_ST *intf, int32_t *retry_cnt, uint32_t *timeout_ms)
-{
-    *retry_cnt = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
-    *timeout_ms = std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
     return 0;
 }
 
@@ -400,29 +383,28 @@ void __selfloop_fill(Selfloop *s, DM_CB_ST *dm_cb, const DM_ADDR_ST *addr)
     intf->recv_msg = __selfloop_recv;
     intf->send_msg = __selfloop_send;
     intf->send_msg_ex = __selfloop_send_ex;
-    intf->set_retry = __selfloop_set_retry;
-    intf->get_retry = __selfloop_get_retry;
+    intf->set_retry = intf_set_retry;
+    intf->get_retry = intf_get_retry;
     intf->timeout_hndl = nullptr;
     intf->close = __selfloop_close;
     intf->dm_cb = dm_cb;
 }
 
 // Registers the finished record. A refusal by the list leaves the record ours to undo; a
-// refusal by the poller has already run the record's close slot and released it. The
-// name no longer tells the two apart (either way the record is not listed), so the
-// close slot leaves a mark. That slot keeps the pipe of a record not named "selfloop"
-// open, so those descriptors are closed here; nothing else is touched twice.
+// refusal by the poller has already run the record's close slot and released it. That
+// slot keeps the pipe of a record not named "selfloop" open, so those descriptors are
+// closed here; nothing else is touched twice.
 int __selfloop_register(DM_CB_ST *dm_cb, Selfloop *s)
 {
     const int fd = s->intf.fd;
     const int wfd = s->intf.wfd;
     const bool closes_own_pipe = same_name(s->intf.name, kSelfloopName);
-    t_closed_intf = nullptr;
-    int ret = dm_intf_register(dm_cb, &s->intf);
+    bool released = false;
+    int ret = register_intf(dm_cb, &s->intf, &released);
     if (ret == 0) {
         return 0;
     }
-    if (t_closed_intf == &s->intf) {
+    if (released) {
         if (!closes_own_pipe) {
             __selfloop_close_pipe(fd, wfd);
         }
@@ -431,7 +413,6 @@ int __selfloop_register(DM_CB_ST *dm_cb, Selfloop *s)
         s->lock.~mutex();
         free(s);
     }
-    t_closed_intf = nullptr;
     return ret;
 }
 

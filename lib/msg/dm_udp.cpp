@@ -5,12 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
 #include "common/dm_log.h"
 #include "dm_udp.h"
+#include "msg/dm_intf_helper.h"
 #include "msg/dm_msg_internal.h"
 #include "msg/dm_udp_frame.h"
 
@@ -28,11 +28,6 @@ constexpr int kErrNoMem = 12;
 constexpr int32_t kDefaultRetryCnt = 2;
 constexpr uint32_t kDefaultTimeoutMs = 30000;
 constexpr uint32_t kAdvertisedDataLen = 512;
-
-// Set by the close slot: tells dm_udp_init whether a refused registration has already
-// closed and released its record (the list's free callback runs on the registering
-// thread), so that it is never closed or released twice.
-thread_local const DM_INTF_ST *t_closed_intf = nullptr;
 
 // A frame buffer of the heap that goes back however the function leaves.
 class FrameBuffer {
@@ -143,25 +138,11 @@ int32_t __dm_udp_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
 
 int32_t __dm_udp_close(DM_INTF_ST *intf)
 {
-    t_closed_intf = intf;
+    note_intf_closed(intf);
     // Only an interface under the default name gives its socket back; keep it that way.
     if (same_name(intf->name, kUdpName)) {
         close(intf->fd);
     }
-    return 0;
-}
-
-int32_t __dm_udp_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)
-{
-    std::atomic_ref<int32_t>(intf->retry_cnt).store(retry_cnt, std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(intf->timeout_ms).store(timeout_ms, std::memory_order_relaxed);
-    return 0;
-}
-
-int32_t __dm_udp_get_retry(DM_INTF_ST *intf, int32_t *retry_cnt, uint32_t *timeout_ms)
-{
-    *retry_cnt = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
-    *timeout_ms = std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
     return 0;
 }
 
@@ -232,8 +213,8 @@ void __dm_udp_fill(DM_INTF_ST *intf, DM_TIMEOUT_HNDL_FN timeout_hndl, DM_CB_ST *
     intf->recv_msg = __dm_udp_recv;
     intf->send_msg = __dm_udp_send;
     intf->send_msg_ex = __dm_udp_send_ex;
-    intf->set_retry = __dm_udp_set_retry;
-    intf->get_retry = __dm_udp_get_retry;
+    intf->set_retry = intf_set_retry;
+    intf->get_retry = intf_get_retry;
     intf->timeout_hndl = timeout_hndl;
     intf->close = __dm_udp_close;
     intf->dm_cb = dm_cb;
@@ -241,17 +222,16 @@ void __dm_udp_fill(DM_INTF_ST *intf, DM_TIMEOUT_HNDL_FN timeout_hndl, DM_CB_ST *
 
 // Registers the finished record. A refusal by the list leaves it ours to close and
 // release; a refusal by the poller has already closed and released it through the list.
-// Either way the record is no longer listed, so the close slot's mark tells the two
-// apart. The close slot keeps the socket of a record not named "dm_udp" open, so that
-// socket is closed here.
+// The close slot keeps the socket of a record not named "dm_udp" open, so that socket is
+// closed here.
 int __dm_udp_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
 {
     const int fd = intf->fd;
     const bool closes_own_socket = same_name(intf->name, kUdpName);
-    t_closed_intf = nullptr;
-    int ret = dm_intf_register(dm_cb, intf);
+    bool released = false;
+    int ret = register_intf(dm_cb, intf, &released);
     if (ret != 0) {
-        if (t_closed_intf != intf) {
+        if (!released) {
             __dm_udp_close(intf);
             free(intf);
         }
@@ -259,7 +239,6 @@ int __dm_udp_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
             close(fd);
         }
     }
-    t_closed_intf = nullptr;
     return ret;
 }
 

@@ -1,0 +1,40 @@
+// What every transport does the same way with its interface record (dm_intf_helper.h).
+#include "msg/dm_intf_helper.h"
+
+#include <atomic>
+
+namespace velmar::msg {
+
+namespace {
+
+// The record whose close slot ran last on this thread; only compared, never read.
+thread_local const DM_INTF_ST *t_closed_intf = nullptr;
+
+} // namespace
+
+void note_intf_closed(const DM_INTF_ST *intf) { t_closed_intf = intf; }
+
+int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
+{
+    t_closed_intf = nullptr;
+    const int ret = dm_intf_register(dm_cb, intf);
+    *released = ret != 0 && t_closed_intf == intf;
+    t_closed_intf = nullptr;
+    return ret;
+}
+
+int32_t intf_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)
+{
+    std::atomic_ref<int32_t>(intf->retry_cnt).store(retry_cnt, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(intf->timeout_ms).store(timeout_ms, std::memory_order_relaxed);
+    return 0;
+}
+
+int32_t intf_get_retry(DM_INTF_ST *intf, int32_t *retry_cnt, uint32_t *timeout_ms)
+{
+    *retry_cnt = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
+    *timeout_ms = std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
+    return 0;
+}
+
+} // namespace velmar::msg

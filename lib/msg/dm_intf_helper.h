@@ -1,0 +1,28 @@
+// What every transport does the same way with its interface record: registering the
+// finished record, and the two retry slots.
+#pragma once
+
+#include <cstdint>
+
+#include "dm_msg.h"
+
+namespace velmar::msg {
+
+// dm_intf_register can refuse a record in two ways that leave it in different hands. A
+// refusal by the interface list leaves it with the transport, which must close and free
+// it. A refusal by the poller comes after the record was listed, and taking it out of
+// the list again has already run its close slot and released it (the list's free
+// callback runs on the registering thread). Either way the record is no longer listed,
+// so only the close slot can tell: each transport's close slot calls note_intf_closed.
+void note_intf_closed(const DM_INTF_ST *intf);
+
+// dm_intf_register(dm_cb, intf). On a refusal (non-zero result) `*released` says whether
+// the registry has already closed and released `intf`: then it must not be touched again.
+int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released);
+
+// The set_retry and get_retry slots. The fields are plain members of the public record
+// that any thread may change while the poller thread reads them.
+int32_t intf_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms);
+int32_t intf_get_retry(DM_INTF_ST *intf, int32_t *retry_cnt, uint32_t *timeout_ms);
+
+} // namespace velmar::msg
