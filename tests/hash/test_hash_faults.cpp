@@ -8,35 +8,11 @@
 #include <vector>
 
 #include "dm_platform.h"
-#include "hash/test_support.h"
+#include "hash/malloc_faults.h"
 #include "hash_table.h"
 #include "host_platform.h"
 
-using velmar::test::ArmedFault;
-using velmar::test::FaultPoint;
-using velmar::test::g_malloc_fault;
-using velmar::test::kMallocReplaceable;
-using velmar::test::LogCapture;
-using velmar::test::next_symbol;
-
-namespace {
-FaultPoint g_memset_fault;
-FaultPoint g_strcpy_fault;
-} // namespace
-
-extern "C" int memset_s(void *dest, size_t dest_max, int c, size_t count)
-{
-    static const auto real = next_symbol<int (*)(void *, size_t, int, size_t)>("memset_s");
-    int code = 0;
-    return g_memset_fault.trip(code) ? code : real(dest, dest_max, c, count);
-}
-
-extern "C" int strcpy_s(char *dest, size_t dest_max, const char *src)
-{
-    static const auto real = next_symbol<int (*)(char *, size_t, const char *)>("strcpy_s");
-    int code = 0;
-    return g_strcpy_fault.trip(code) ? code : real(dest, dest_max, src);
-}
+using namespace velmar::test;
 
 namespace {
 

@@ -1,53 +1,30 @@
-// Shared by the framework's tests: waiting with generous bounds, log capture, failure
-// injection through bounds-checked functions that the test program defines itself (they
-// interpose on the host layer's), a context fixture and a recorder of callbacks.
+// Shared by the framework's tests: failure injection into the core library's own calls,
+// a context fixture and a recorder of callbacks.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "dm_loop.h"
 #include "dm_msg.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/waiting.h"
 
 namespace msg_test {
 
-using namespace std::chrono_literals;
+using namespace velmar::test;
 
-// Polls `done` every millisecond for at most `limit`.
-bool wait_for(const std::function<bool()> &done, std::chrono::milliseconds limit = 5s);
-
-// Makes the call number `nth` (0-based, counted from now) that the core library makes
-// to memset_s, memcpy_s or memmove_s on this thread fail with `code`. Other threads and
-// other callers are never affected.
-enum class MemFn { kMemset, kMemcpy, kMemmove };
-void fail_mem_call(MemFn fn, int nth, int code = 34);
-// Disarms the injection; mem_failure_fired() still tells whether it struck.
-void clear_mem_failure();
+// Makes the call number `nth` (0-based, counted from now) that the core library makes to
+// `point`'s function on this thread fail with `code`. Other threads and other callers are
+// never affected. disarm_platform_faults() ends it; mem_failure_fired() tells whether it
+// struck.
+void fail_core_call(FaultPoint &point, int nth, int code = 34);
 bool mem_failure_fired();
-
-// Captures every device-log line, any level, until it goes away. Each capture starts a
-// fresh window of the error rate limiter (the log's wall clock is moved on), so the
-// first error line of every source file gets through.
-class LogCapture {
-public:
-    LogCapture();
-    ~LogCapture();
-    bool contains(const std::string &text) const;
-
-private:
-    static void sink(int level, const char *line, void *ctx);
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
-
-int open_fds();
-bool fd_is_open(int fd);
 
 // A context with its self-loop, destroyed with the test.
 struct Context {

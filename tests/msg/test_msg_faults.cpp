@@ -15,9 +15,9 @@ namespace {
 // the injection right after the operation under test.
 template <typename Attempt> void sweep(Attempt attempt)
 {
-    for (MemFn fn : {MemFn::kMemset, MemFn::kMemcpy, MemFn::kMemmove}) {
+    for (FaultPoint *point : {&g_memset_fault, &g_memcpy_fault, &g_memmove_fault}) {
         for (int k = 0;; k++) {
-            fail_mem_call(fn, k);
+            fail_core_call(*point, k);
             attempt(k);
             if (!mem_failure_fired()) {
                 break;
@@ -40,7 +40,7 @@ TEST(Faults, DmInitUndoesEverythingItBuilt)
         DM_CB_ST *cb = nullptr;
         LogCapture log;
         int ret = dm_init(&cb);
-        clear_mem_failure();
+        disarm_platform_faults();
         // The one failure dm_init shrugs off is that of the probe timer with which it
         // waits for the poller thread to start.
         EXPECT_TRUE(ret == 0 || mem_failure_fired()) << "call " << k;
@@ -60,7 +60,7 @@ TEST(Faults, SelfloopInitLeavesNothingBehindWhicheverStepFails)
         DM_INTF_ST *intf = nullptr;
         LogCapture log;
         int ret = selfloop_init(&intf, ctx.cb, nullptr, "aux", 0);
-        clear_mem_failure();
+        disarm_platform_faults();
         EXPECT_EQ(ret != 0, mem_failure_fired()) << "call " << k;
         poller_refused = poller_refused || log.contains("memset_s fail!\n"); // the poller's words
         EXPECT_FALSE(log.contains("Assert:")) << "call " << k;
@@ -87,12 +87,12 @@ TEST(Faults, DmSendReqDropsTheRequestWhenAnyStepFails)
     int sent = 0;
     sweep([&](int k) {
         int ret = send_text(ctx.loop(), "payload", &rec);
-        clear_mem_failure();
+        disarm_platform_faults();
         codes.insert(ret);
         sent += ret == 0 ? 1 : 0;
         EXPECT_EQ(ret != 0, mem_failure_fired()) << "call " << k;
-        EXPECT_TRUE(wait_for([&] { return rec.calls == sent; }));
-        EXPECT_TRUE(wait_for([&] { return list_size(ctx.cb->pending_list) == 0; }));
+        EXPECT_TRUE(wait_until([&] { return rec.calls == sent; }));
+        EXPECT_TRUE(wait_until([&] { return list_size(ctx.cb->pending_list) == 0; }));
     });
     std::this_thread::sleep_for(150ms); // a time-out, had a dropped request kept its timer
     EXPECT_EQ(rec.calls, sent);

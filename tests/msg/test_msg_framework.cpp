@@ -174,7 +174,7 @@ TEST(Lifecycle, DestroyReleasesPendingRequestsAndInterfacesAndCallsNothingLater)
     // A time-out whose callback is still running when dm_destroy starts.
     DM_DATA_ST data = data_of("slow");
     ASSERT_EQ(dm_send_req(aux[1], &aux[1]->addr, 40, &data, slow_rsp, &cb, 8), 0);
-    ASSERT_TRUE(wait_for([] { return g_slow_state == 1; }));
+    ASSERT_TRUE(wait_until([] { return g_slow_state == 1; }));
     EXPECT_EQ(list_size(cb->pending_list), 11U); // aux0 has no timers: a period of 0 never fires
     dm_destroy(cb);
     EXPECT_EQ(g_slow_state, 2) << "dm_destroy returned while a callback was running";

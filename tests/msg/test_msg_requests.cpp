@@ -79,16 +79,16 @@ TEST(Requests, TheFirstHandlerAnswersOnceAndStrayAnswersAreDropped)
     Recorder first;
     Recorder second;
     ASSERT_EQ(send_text(loop, "ping", &first), 0);
-    ASSERT_TRUE(wait_for([&] { return first.calls >= 1; }));
+    ASSERT_TRUE(wait_until([&] { return first.calls >= 1; }));
     // The handler's repeated answer to "ping" was in the pipe before "b" was sent.
     ASSERT_EQ(send_text(loop, "b", &second), 0);
-    ASSERT_TRUE(wait_for([&] { return second.calls == 1; }));
+    ASSERT_TRUE(wait_until([&] { return second.calls == 1; }));
     EXPECT_EQ(first.calls, 1);
     EXPECT_EQ(first.payload(0), "re:ping");
     EXPECT_EQ(first.last_addr_len, 6U);
     EXPECT_EQ(first.last_intf, loop);
     EXPECT_EQ(g_handler_user_data, tags[0]);
-    EXPECT_TRUE(wait_for([&] { return list_size(ctx.cb->pending_list) == 0; }));
+    EXPECT_TRUE(wait_until([&] { return list_size(ctx.cb->pending_list) == 0; }));
 }
 
 TEST(Requests, WithoutRegistrationTheDefaultHandlerAnswers)
@@ -96,13 +96,13 @@ TEST(Requests, WithoutRegistrationTheDefaultHandlerAnswers)
     Context ctx;
     // The list refuses the registration (its node cannot be zeroed), which dm_cmd_register
     // swallows; the default handler it set stays in force.
-    fail_mem_call(MemFn::kMemset, 1);
+    fail_core_call(g_memset_fault, 1);
     EXPECT_EQ(dm_cmd_register(ctx.cb, echo, default_stub, nullptr, 1), 0);
-    clear_mem_failure();
+    disarm_platform_faults();
     EXPECT_EQ(list_size(ctx.cb->cmd_reg_list), 0U);
     Recorder rec;
     ASSERT_EQ(send_text(ctx.loop(), "abc", &rec), 0);
-    ASSERT_TRUE(wait_for([&] { return rec.calls == 1; }));
+    ASSERT_TRUE(wait_until([&] { return rec.calls == 1; }));
     EXPECT_EQ(rec.payload(0), "from default");
 }
 
@@ -122,7 +122,7 @@ TEST_P(Retries, SendsNPlusOneTimesAndDeliversOneTimeOutAnswer)
     // Longer than a message: the record keeps the first 4096 bytes for its re-sends.
     const std::string big(5000, 'x');
     ASSERT_EQ(send_text(loop, big, &rec), 0);
-    ASSERT_TRUE(wait_for([&] { return rec.calls == 1; }));
+    ASSERT_TRUE(wait_until([&] { return rec.calls == 1; }));
     // Timers may fire up to a millisecond early, once per period.
     const int periods = retries == 0 ? 1 : retries;
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(periods * (period_ms - 1)));
@@ -166,7 +166,7 @@ TEST(Requests, ManySendingThreadsEachRequestGetsExactlyOneCallback)
     for (auto &sender : senders) {
         sender.join();
     }
-    ASSERT_TRUE(wait_for([&] { return list_size(ctx.cb->pending_list) == 0; }, 20s));
+    ASSERT_TRUE(wait_until([&] { return list_size(ctx.cb->pending_list) == 0; }, 20s));
     for (size_t i = 0; i < recs.size(); i++) {
         ASSERT_EQ(recs[i].calls, 1) << "request " << i;
     }
@@ -197,13 +197,13 @@ TEST_P(TimeOutBurst, EveryRequestReachesItsCallbackOnce)
     loop->set_retry(loop, 0, 50);
     Recorder blocker;
     ASSERT_EQ(send_text(loop, "BLOCK", &blocker), 0);
-    ASSERT_TRUE(wait_for([&] { return g_blocking == 1; }));
+    ASSERT_TRUE(wait_until([&] { return g_blocking == 1; }));
     std::vector<Recorder> recs(kRequests);
     auto text = [&](int i) { return std::string(payload, static_cast<char>('A' + i % 26)); };
     for (int i = 0; i < kRequests; i++) {
         ASSERT_EQ(send_text(loop, text(i), &recs[i]), 0);
     }
-    ASSERT_TRUE(wait_for([&] { return list_size(ctx.cb->pending_list) == 0; }, 20s));
+    ASSERT_TRUE(wait_until([&] { return list_size(ctx.cb->pending_list) == 0; }, 20s));
     EXPECT_EQ(blocker.calls, 1);
     for (int i = 0; i < kRequests; i++) {
         ASSERT_EQ(recs[i].calls, 1) << "request " << i;

@@ -104,9 +104,9 @@ TEST(StaleTimer, DeletingATimedOutRequestLeavesANewerTimerAlone)
     DM_DATA_ST data = data_of("A");
     Recorder *unused = nullptr;
     ASSERT_EQ(dm_send_req(loop, &loop->addr, 40, &data, on_a, &unused, sizeof(unused)), 0);
-    ASSERT_TRUE(wait_for([] { return g_a.calls == 1; }));
+    ASSERT_TRUE(wait_until([] { return g_a.calls == 1; }));
     // B times out on its own, one period later, however A was deleted.
-    EXPECT_TRUE(wait_for([] { return g_b.calls == 1; }, 2s));
+    EXPECT_TRUE(wait_until([] { return g_b.calls == 1; }, 2s));
     std::lock_guard<std::recursive_mutex> guard(g_mutex);
     ASSERT_EQ(g_handed_out.size(), 2U);
     EXPECT_EQ(g_handed_out[0], g_handed_out[1]) << "no handle was reused: this run proves nothing";

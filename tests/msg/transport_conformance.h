@@ -77,7 +77,7 @@ TYPED_TEST_P(TransportConformance, ExchangesMessagesUpToTheLimitAndRefusesLarger
     Recorder rec;
     ASSERT_EQ(this->request(intf, "hello", &rec), 0);
     ASSERT_EQ(this->request(intf, full, &rec), 0);
-    ASSERT_TRUE(wait_for([&] { return rec.calls == 2; }));
+    ASSERT_TRUE(wait_until([&] { return rec.calls == 2; }));
     EXPECT_EQ(rec.payload(0), "re:hello");
     EXPECT_EQ(rec.payload(1), full);
     EXPECT_EQ(rec.last_intf, intf);

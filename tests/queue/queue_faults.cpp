@@ -12,16 +12,15 @@ FaultPoint g_stat_fault;
 FaultPoint g_set_fault;
 FaultPoint g_msgsnd_fault;
 FaultPoint g_msgrcv_fault;
-FaultPoint g_memset_fault;
-FaultPoint g_memcpy_fault;
 std::atomic<int> g_last_created_queue{-1};
 
 void disarm_queue_faults()
 {
     for (FaultPoint *point : {&g_msgget_fault, &g_stat_fault, &g_set_fault, &g_msgsnd_fault,
-                              &g_msgrcv_fault, &g_memset_fault, &g_memcpy_fault, &g_malloc_fault}) {
+                              &g_msgrcv_fault, &g_malloc_fault}) {
         point->disarm();
     }
+    disarm_platform_faults();
 }
 
 int real_msgctl(int msqid, int cmd, msqid_ds *ds)
@@ -100,18 +99,4 @@ extern "C" ssize_t msgrcv(int msqid, void *msg, size_t size, long type, int flag
         watch_block(block_of(msg));
     }
     return got;
-}
-
-extern "C" int memset_s(void *dest, size_t dest_max, int c, size_t count)
-{
-    static const auto real = next_symbol<int (*)(void *, size_t, int, size_t)>("memset_s");
-    int code = 0;
-    return g_memset_fault.trip(code) ? code : real(dest, dest_max, c, count);
-}
-
-extern "C" int memcpy_s(void *dest, size_t dest_max, const void *src, size_t count)
-{
-    static const auto real = next_symbol<int (*)(void *, size_t, const void *, size_t)>("memcpy_s");
-    int code = 0;
-    return g_memcpy_fault.trip(code) ? code : real(dest, dest_max, src, count);
 }

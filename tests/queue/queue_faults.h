@@ -1,5 +1,5 @@
-// The queue test program replaces the System V message calls and the bounds-checked
-// functions that the queues use, so that any of them can fail on command. Unarmed, each
+// The queue test program replaces the System V message calls that the queues use, so
+// that any of them can fail on command. Unarmed, each
 // forwards to the real function.
 #pragma once
 
@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-#include "hash/test_support.h"
+#include "hash/malloc_faults.h"
 
 namespace velmar::test {
 
@@ -16,8 +16,6 @@ extern FaultPoint g_stat_fault; // msgctl IPC_STAT
 extern FaultPoint g_set_fault;  // msgctl IPC_SET
 extern FaultPoint g_msgsnd_fault;
 extern FaultPoint g_msgrcv_fault;
-extern FaultPoint g_memset_fault;
-extern FaultPoint g_memcpy_fault;
 
 // The identifier of the last queue that msgget really created, or -1.
 extern std::atomic<int> g_last_created_queue;

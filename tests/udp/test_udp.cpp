@@ -133,11 +133,11 @@ TEST(UdpInit, FailingMemoryFunctionsLeaveNothingBehind)
     for (const char *name : {"dm_udp", "other"}) {
         for (int nth = 0;; nth++) {
             const int fds = open_fds();
-            fail_mem_call(MemFn::kMemset, nth);
+            fail_core_call(g_memset_fault, nth);
             DM_INTF_ST *intf = nullptr;
             int ret = dm_udp_init(&intf, ctx.cb, nullptr, &addr, name, strlen(name));
             const bool fired = mem_failure_fired();
-            clear_mem_failure();
+            disarm_platform_faults();
             if (ret == 0) {
                 const int fd = intf->fd;
                 ASSERT_EQ(dm_intf_deregister(intf), 0);
@@ -179,7 +179,7 @@ TEST(UdpWire, RequestFrameCarriesHeaderAndPayloadAndOnlyItsOwnAnswerIsTaken)
 
     peer.send(make_frame(DM_MSG_RSP, frame.req_id + 8, "stray", 55), own);
     peer.send(make_frame(DM_MSG_RSP, frame.req_id, "ok", 55), own);
-    ASSERT_TRUE(wait_for([&] { return seen.calls == 1; }));
+    ASSERT_TRUE(wait_until([&] { return seen.calls == 1; }));
     {
         std::lock_guard<std::mutex> guard(seen.mutex);
         EXPECT_EQ(seen.payload, "ok");
@@ -273,7 +273,7 @@ TEST(UdpTimeout, SilentPeerGetsNPlusOneSendsThenTheTimeoutAnswer)
         DM_DATA_ST data = data_of("anyone?");
         const auto start = std::chrono::steady_clock::now();
         ASSERT_EQ(dm_send_req(intf, &to, DM_UDP_ADDR_LEN, &data, see, &seen_ptr, sizeof(seen_ptr)), 0);
-        ASSERT_TRUE(wait_for([&] { return seen_ptr->calls == 1; }));
+        ASSERT_TRUE(wait_until([&] { return seen_ptr->calls == 1; }));
         // Timers run on a millisecond clock: allow them to come a little early.
         EXPECT_GE(std::chrono::steady_clock::now() - start,
                   std::chrono::milliseconds(kPeriodMs * std::max(retries, 1) - 10));

@@ -52,7 +52,7 @@ TEST(UdpProcesses, AnswersComeBackToTheSenderWithTheirPayloads)
         DM_DATA_ST data = data_of(text);
         ASSERT_EQ(dm_send_req(intf, &to, DM_UDP_ADDR_LEN, &data, record_rsp, &rec_ptr, sizeof(rec_ptr)), 0);
     }
-    ASSERT_TRUE(wait_for([&] { return rec.calls == 3; }));
+    ASSERT_TRUE(wait_until([&] { return rec.calls == 3; }));
     for (size_t i = 0; i < requests.size(); i++) {
         EXPECT_EQ(rec.payload(i), requests[i]);
     }
@@ -127,7 +127,7 @@ TEST(UdpProcesses, EveryRequestOfALongRunGetsExactlyOneAnswer)
     for (uint32_t i = 0; i < kInFlight; i++) {
         send_next(&load);
     }
-    ASSERT_TRUE(wait_for([&] { return load.done == kLoadRequests; }, 180s))
+    ASSERT_TRUE(wait_until([&] { return load.done == kLoadRequests; }, 180s))
         << load.done << " of " << kLoadRequests << " answered";
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     printf("%u requests, %u in flight: %.1f s, %.0f round trips/s\n", kLoadRequests, kInFlight, secs,

@@ -103,13 +103,13 @@ TEST(OsalCreate, NormalThreadRunsEntryDetachedNamedAtSchedOther)
 
 TEST(OsalCreate, PriorityAbove255IsAParameterFailure)
 {
-    LogCapture log;
+    LogCapture log{false};
     uint64_t tid_a = 7;
     uint64_t tid_b = 7;
     const uint64_t ok_before = load_counter(g_creatthreadoknum);
     const uint64_t fail_before = load_counter(g_creatthreadfailnum);
     {
-        ScopedLimiterBypass bypass;
+        LimiterBypass bypass;
         EXPECT_EQ(create("p256", 256, 0, 0, nullptr, &tid_a, &tid_b), 5);
     }
     EXPECT_TRUE(log.contains("para fail,ret = 5,ul_return_code = 0,ul_priority = 256\n")) << log.dump();
@@ -122,7 +122,7 @@ TEST(OsalCreate, PriorityAbove255IsAParameterFailure)
 
 TEST(OsalCreate, RefusedThreadFillsBothCellsAndCountsTheFailure)
 {
-    LogCapture log;
+    LogCapture log{false};
     uint64_t tid_a = 7;
     uint64_t tid_b = 7;
     const uint64_t ok_before = load_counter(g_creatthreadoknum);
@@ -130,7 +130,7 @@ TEST(OsalCreate, RefusedThreadFillsBothCellsAndCountsTheFailure)
     // A stack larger than the address space: the attribute takes it, pthread_create cannot.
     const uint64_t huge_stack = 1ULL << 47;
     {
-        ScopedLimiterBypass bypass;
+        LimiterBypass bypass;
         EXPECT_EQ(create("huge", 1, 0, huge_stack, nullptr, &tid_a, &tid_b), 2);
     }
     EXPECT_EQ(tid_a, 0x00000000FFFFFFFFULL);

@@ -90,11 +90,11 @@ TEST(Semaphore, InitialFiveGrantsFiveThenBehavesAsBinary)
 
 TEST(Semaphore, NullIdentifiersAreRefused)
 {
-    LogCapture log;
+    LogCapture log{false};
     EXPECT_EQ(vos_sm_delete(nullptr), 1U);
     EXPECT_EQ(vos_sm_p(nullptr, 0), 1U);
     {
-        ScopedLimiterBypass bypass;
+        LimiterBypass bypass;
         EXPECT_EQ(vos_sm_v(nullptr), 1U);
     }
     EXPECT_TRUE(log.contains("\r\nSM_V failed, sm_id=NULL.")) << log.dump();

@@ -69,7 +69,7 @@ TEST(TimedLockInit, NamesCountsUnknownTypesAndNullRecords)
     EXPECT_EQ(thread_timed_mutex_destroy(m), 0U);
     free(m);
 
-    LogCapture log;
+    LogCapture log{false};
     EXPECT_EQ(thread_timed_mutex_init("x", nullptr, kBinary, 1), kNullRecord);
     EXPECT_EQ(thread_timed_mutex_lock(nullptr, 0), kNullRecord);
     EXPECT_EQ(thread_timed_mutex_trylock(nullptr, 0), kNullRecord);
@@ -81,11 +81,11 @@ TEST(TimedLockInit, NamesCountsUnknownTypesAndNullRecords)
 TEST(BinarySemaphore, SecondInfiniteTakeByTheHolderReportsDeadLock)
 {
     LockRecord sem(kBinary, 1, "dlck-sem");
-    LogCapture log;
+    LogCapture log{false};
     ASSERT_EQ(thread_timed_mutex_lock(sem.get(), 0), 0U);
     uint32_t second = 0;
     const int64_t took = elapsed_ms([&] {
-        ScopedLimiterBypass bypass;
+        LimiterBypass bypass;
         second = thread_timed_mutex_lock(sem.get(), 0);
     });
     EXPECT_EQ(second, kBusy);

@@ -1,125 +1,15 @@
 #include "vos/vos_test_support.h"
 
-#include <dlfcn.h>
 #include <linux/capability.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <thread>
-
-#include "host_platform.h"
 
 namespace velmar::vostest {
-
-namespace {
-
-std::atomic<int64_t> g_offset_us{0};
-std::atomic<bool> g_fixed{false};
-std::atomic<int64_t> g_fixed_sec{0};
-std::atomic<int64_t> g_fixed_usec{0};
-std::atomic<int64_t> g_bypass_count{0};
-constexpr int64_t kBypassStepUs = 3600LL * 1000000; // an hour per bypass: far past 3 s
-
-using GettimeofdayFn = int (*)(struct timeval *, void *);
-
-GettimeofdayFn real_gettimeofday()
-{
-    static const auto fn = reinterpret_cast<GettimeofdayFn>(dlsym(RTLD_NEXT, "gettimeofday"));
-    return fn;
-}
-
-} // namespace
-
-void set_wall_offset_us(int64_t offset_us)
-{
-    g_offset_us.store(offset_us);
-}
-
-void set_fixed_wall_time(int64_t sec, int64_t usec)
-{
-    g_fixed_sec.store(sec);
-    g_fixed_usec.store(usec);
-    g_fixed.store(true);
-}
-
-void clear_fixed_wall_time()
-{
-    g_fixed.store(false);
-}
-
-ScopedLimiterBypass::ScopedLimiterBypass()
-{
-    set_wall_offset_us((g_bypass_count.fetch_add(1) + 1) * kBypassStepUs);
-}
-
-ScopedLimiterBypass::~ScopedLimiterBypass()
-{
-    set_wall_offset_us(0);
-}
-
-LogCapture::LogCapture()
-{
-    host_dlog_set_sink(&LogCapture::sink, this);
-}
-
-LogCapture::~LogCapture()
-{
-    host_dlog_set_sink(nullptr, nullptr);
-}
-
-void LogCapture::sink(int level, const char *line, void *ctx)
-{
-    (void)level;
-    auto *self = static_cast<LogCapture *>(ctx);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.emplace_back(line);
-}
-
-bool LogCapture::contains(const std::string &text) const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto &line : lines_) {
-        if (line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
-std::string LogCapture::dump() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::string out;
-    for (const auto &line : lines_) {
-        out += line;
-        out += '\n';
-    }
-    return out;
-}
-
-bool wait_until(const std::function<bool()> &done, std::chrono::milliseconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return done();
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-int64_t elapsed_ms(const std::function<void()> &action)
-{
-    const auto start = std::chrono::steady_clock::now();
-    action();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
 
 void Gate::open()
 {
@@ -208,22 +98,3 @@ LockState snapshot(THREAD_TIMED_MUTEX_ST *m)
 }
 
 } // namespace velmar::vostest
-
-// The library reads the wall clock (deadlines, log limiter) through this definition.
-extern "C" int gettimeofday(struct timeval *__restrict tv, void *__restrict tz) __THROW
-{
-    using namespace velmar::vostest;
-    if (g_fixed.load()) {
-        tv->tv_sec = g_fixed_sec.load();
-        tv->tv_usec = g_fixed_usec.load();
-        return 0;
-    }
-    const int rc = real_gettimeofday()(tv, tz);
-    const int64_t offset = g_offset_us.load();
-    if (rc == 0 && offset != 0) {
-        const int64_t us = static_cast<int64_t>(tv->tv_sec) * 1000000 + tv->tv_usec + offset;
-        tv->tv_sec = us / 1000000;
-        tv->tv_usec = us % 1000000;
-    }
-    return rc;
-}

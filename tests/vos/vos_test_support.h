@@ -1,58 +1,21 @@
-// Helpers shared by the OS-layer test programs: a steerable wall clock (the library reads
-// it through gettimeofday, which this program replaces), capture of the device log, and
-// small waiting aids.
+// Helpers shared by the OS-layer test programs: a latch, scheduling privileges, and
+// timed-lock records.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "support/log_capture.h"
+#include "support/waiting.h"
 #include "vos_sm.h"
 
 namespace velmar::vostest {
 
-// gettimeofday in this program returns the real time plus an offset, or a fixed time.
-void set_wall_offset_us(int64_t offset_us);
-void set_fixed_wall_time(int64_t sec, int64_t usec); // until clear_fixed_wall_time()
-void clear_fixed_wall_time();
-
-// Moves the wall clock far ahead for the scope, beyond every earlier jump, so that the
-// library's per-file error limiter (one line per 3 s) writes the next line. Only for
-// actions that start no timed wait: deadlines are built from the same clock.
-class ScopedLimiterBypass {
-public:
-    ScopedLimiterBypass();
-    ~ScopedLimiterBypass();
-    ScopedLimiterBypass(const ScopedLimiterBypass &) = delete;
-    ScopedLimiterBypass &operator=(const ScopedLimiterBypass &) = delete;
-};
-
-// Collects every device log line while alive (instead of writing them out).
-class LogCapture {
-public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
-
-    bool contains(const std::string &text) const;
-    std::string dump() const;
-
-private:
-    static void sink(int level, const char *line, void *ctx);
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
-
-// Polls `done` every millisecond until it holds or `limit` passes; returns its last answer.
-bool wait_until(const std::function<bool()> &done, std::chrono::milliseconds limit);
-
-// Milliseconds spent in `action`, on the monotonic clock.
-int64_t elapsed_ms(const std::function<void()> &action);
+using namespace velmar::test;
 
 // A one-shot latch that tests open to let their threads or tasks go on.
 class Gate {

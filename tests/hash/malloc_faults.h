@@ -1,0 +1,18 @@
+// A replacement malloc and free for the hash table and message queue test programs, where
+// the build allows one (not under the sanitizers, whose runtimes own malloc).
+#pragma once
+
+#include "support/faults.h"
+#include "support/log_capture.h"
+
+namespace velmar::test {
+
+extern FaultPoint g_malloc_fault;
+
+// Remembers one heap block; watched_block_freed() tells whether free() has been called
+// on it since. Only where kMallocReplaceable: elsewhere it stays false and LeakSanitizer
+// checks instead that blocks are freed.
+void watch_block(const void *block);
+bool watched_block_freed();
+
+} // namespace velmar::test
