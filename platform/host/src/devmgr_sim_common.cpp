@@ -1,63 +1,35 @@
 // The device-manager simulator's shared machinery: directory, names, datagrams, faults.
 #include <dirent.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "devmgr_sim_internal.h"
+#include "sim_common.h"
 
 namespace velmar::hostplat::devmgr {
 
 namespace {
 
-std::string resolve_run_dir()
-{
-    const char *chosen = getenv(HOST_DEVMGR_DIR_ENV);
-    if (chosen != nullptr && chosen[0] != '\0') {
-        return chosen;
-    }
-    const char *runtime = getenv("XDG_RUNTIME_DIR");
-    if (runtime != nullptr && runtime[0] != '\0') {
-        return std::string(runtime) + "/velmar-devmgr";
-    }
-    return "/tmp/velmar-devmgr-" + std::to_string(getuid());
-}
-
 struct DirCloser {
     void operator()(DIR *dir) const { closedir(dir); }
 };
 
-struct Fault {
-    uint32_t count = 0;
-    int code = 0;
-};
-
-std::mutex g_fault_lock;
-std::array<Fault, 3> g_faults; // indexed by Op
+sim::FaultTable<3> g_faults({"open", "send", "recv"}); // indexed by Op
 
 } // namespace
 
 const std::string &run_dir()
 {
-    static const std::string dir = resolve_run_dir(); // once: processes must agree on it
+    static const std::string dir = sim::resolve_run_dir(HOST_DEVMGR_DIR_ENV, "velmar-devmgr");
     return dir;
 }
 
-int ensure_run_dir()
-{
-    if (mkdir(run_dir().c_str(), 0700) == 0 || errno == EEXIST) {
-        return 0;
-    }
-    return errno;
-}
+int ensure_run_dir() { return sim::ensure_dir(run_dir()); }
 
 std::string device_name(uint32_t dev_id) { return "dev-" + std::to_string(dev_id) + ".sock"; }
 
@@ -80,15 +52,7 @@ int32_t endpoint_pid(const char *file_name)
 
 int make_addr(const std::string &name, sockaddr_un &addr, socklen_t &addr_len)
 {
-    const std::string path = run_dir() + "/" + name;
-    memset(&addr, 0, sizeof(addr));
-    if (path.size() >= sizeof(addr.sun_path)) {
-        return ENAMETOOLONG;
-    }
-    addr.sun_family = AF_UNIX;
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    addr_len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
-    return 0;
+    return sim::make_unix_addr(run_dir() + "/" + name, addr, addr_len) ? 0 : ENAMETOOLONG;
 }
 
 int bind_endpoint(const std::string &name, bool replace)
@@ -204,17 +168,7 @@ bool is_dead_endpoint(const std::string &name)
     return dead;
 }
 
-bool take_fault(Op op, int &code)
-{
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    Fault &fault = g_faults[static_cast<size_t>(op)];
-    if (fault.count == 0) {
-        return false;
-    }
-    --fault.count;
-    code = fault.code;
-    return true;
-}
+bool take_fault(Op op, int &code) { return g_faults.take(static_cast<size_t>(op), code); }
 
 } // namespace velmar::hostplat::devmgr
 
@@ -224,25 +178,10 @@ extern "C" {
 
 int host_devmgr_fail_next(const char *op, uint32_t count, int code)
 {
-    static constexpr std::array<const char *, 3> kNames{"open", "send", "recv"};
-    if (op == nullptr) {
-        return EINVAL;
-    }
-    for (size_t i = 0; i < kNames.size(); ++i) {
-        if (strcmp(op, kNames[i]) == 0) {
-            std::lock_guard<std::mutex> guard(g_fault_lock);
-            g_faults[i] = Fault{count, code};
-            return 0;
-        }
-    }
-    return EINVAL;
+    return g_faults.arm(op, count, code);
 }
 
-void host_devmgr_fail_clear(void)
-{
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    g_faults.fill(Fault{});
-}
+void host_devmgr_fail_clear(void) { g_faults.clear(); }
 
 const char *host_devmgr_dir(void) { return run_dir().c_str(); }
 

@@ -1,51 +1,29 @@
 // The HDC simulator's shared machinery: directory, handles, faults, waiting, packets.
 #include <poll.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "hdc_sim_internal.h"
+#include "sim_common.h"
 
 namespace velmar::hostplat::hdc {
 
 namespace {
 
-constexpr std::array<const char *, static_cast<size_t>(Op::Count)> kOpNames{
+// Indexed by Op.
+sim::FaultTable<static_cast<size_t>(Op::Count)> g_faults({
     "drvHdcGetCapacity",    "drvHdcServerCreate", "drvHdcServerDestroy",
     "drvHdcSessionAccept",  "drvHdcClientCreate", "drvHdcClientDestroy",
     "drvHdcSessionConnect", "drvHdcSessionClose", "drvHdcSetSessionReference",
     "drvHdcAllocMsg",       "drvHdcFreeMsg",      "drvHdcAddMsgBuffer",
     "drvHdcGetMsgBuffer",   "halHdcSend",         "halHdcRecv",
-    "halHdcGetSessionAttr"};
-
-struct Fault {
-    uint32_t count = 0;
-    int code = 0;
-    uint64_t calls = 0;
-};
-
-std::mutex g_fault_lock;
-std::array<Fault, kOpNames.size()> g_faults;
+    "halHdcGetSessionAttr"});
 
 std::atomic<int32_t> g_run_env_override{-1};
-
-std::string resolve_run_dir()
-{
-    const char *chosen = getenv(HOST_HDC_DIR_ENV);
-    if (chosen != nullptr && chosen[0] != '\0') {
-        return chosen;
-    }
-    const char *runtime = getenv("XDG_RUNTIME_DIR");
-    if (runtime != nullptr && runtime[0] != '\0') {
-        return std::string(runtime) + "/velmar-hdc";
-    }
-    return "/tmp/velmar-hdc-" + std::to_string(getuid());
-}
 
 int32_t env_run_env()
 {
@@ -58,50 +36,19 @@ int32_t env_run_env()
     return *end == '\0' ? static_cast<int32_t>(value) : HOST_HDC_DEFAULT_RUN_ENV;
 }
 
-int op_index(const char *name)
-{
-    if (name == nullptr) {
-        return -1;
-    }
-    for (size_t i = 0; i < kOpNames.size(); ++i) {
-        if (strcmp(name, kOpNames[i]) == 0) {
-            return static_cast<int>(i);
-        }
-    }
-    return -1;
-}
-
 } // namespace
 
 const std::string &run_dir()
 {
-    static const std::string dir = resolve_run_dir(); // once: processes must agree on it
+    static const std::string dir = sim::resolve_run_dir(HOST_HDC_DIR_ENV, "velmar-hdc");
     return dir;
 }
 
-int ensure_run_dir()
-{
-    if (mkdir(run_dir().c_str(), 0700) == 0 || errno == EEXIST) {
-        return 0;
-    }
-    return errno;
-}
+int ensure_run_dir() { return sim::ensure_dir(run_dir()); }
 
 std::string server_base(int dev_id, int service_type)
 {
     return run_dir() + "/hdc-" + std::to_string(dev_id) + "-" + std::to_string(service_type);
-}
-
-bool make_addr(const std::string &path, sockaddr_un &addr, socklen_t &len)
-{
-    memset(&addr, 0, sizeof(addr));
-    if (path.size() >= sizeof(addr.sun_path)) {
-        return false;
-    }
-    addr.sun_family = AF_UNIX;
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
-    return true;
 }
 
 int32_t announced_run_env()
@@ -154,18 +101,7 @@ Table<Session> &sessions()
     return *table;
 }
 
-bool take_fault(Op op, int &code)
-{
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    Fault &fault = g_faults[static_cast<size_t>(op)];
-    ++fault.calls;
-    if (fault.count == 0) {
-        return false;
-    }
-    --fault.count;
-    code = fault.code;
-    return true;
-}
+bool take_fault(Op op, int &code) { return g_faults.take(static_cast<size_t>(op), code); }
 
 int64_t now_ms()
 {
@@ -276,37 +212,14 @@ void host_hdc_set_run_env(int32_t run_env) { g_run_env_override.store(run_env < 
 
 int host_hdc_fail_next(const char *op, uint32_t count, int code)
 {
-    const int index = op_index(op);
-    if (index < 0) {
-        return EINVAL;
-    }
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    g_faults[static_cast<size_t>(index)].count = count;
-    g_faults[static_cast<size_t>(index)].code = code;
-    return 0;
+    return g_faults.arm(op, count, code);
 }
 
-void host_hdc_fail_clear(void)
-{
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    for (Fault &fault : g_faults) {
-        fault.count = 0;
-    }
-}
+void host_hdc_fail_clear(void) { g_faults.clear(); }
 
-uint32_t host_hdc_fail_pending(const char *op)
-{
-    const int index = op_index(op);
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    return index < 0 ? 0 : g_faults[static_cast<size_t>(index)].count;
-}
+uint32_t host_hdc_fail_pending(const char *op) { return g_faults.pending(op); }
 
-uint64_t host_hdc_call_count(const char *op)
-{
-    const int index = op_index(op);
-    std::lock_guard<std::mutex> guard(g_fault_lock);
-    return index < 0 ? 0 : g_faults[static_cast<size_t>(index)].calls;
-}
+uint64_t host_hdc_call_count(const char *op) { return g_faults.calls(op); }
 
 const char *host_hdc_dir(void) { return run_dir().c_str(); }
 

@@ -45,8 +45,6 @@ struct Hello {
 const std::string &run_dir();
 int ensure_run_dir();                                  // 0 or an errno value
 std::string server_base(int dev_id, int service_type); // "<dir>/hdc-<dev>-<svc>"
-// Fills `addr` with `path`. False when it does not fit.
-bool make_addr(const std::string &path, sockaddr_un &addr, socklen_t &len);
 
 int32_t announced_run_env();
 

@@ -10,8 +10,10 @@
 #include <cstdint>
 
 #include "hdc_sim_internal.h"
+#include "sim_common.h"
 
 using namespace velmar::hostplat::hdc;
+namespace sim = velmar::hostplat::sim;
 
 namespace {
 
@@ -37,7 +39,7 @@ int listen_on_name(Server &server)
 {
     sockaddr_un addr{};
     socklen_t len = 0;
-    if (!make_addr(server.sock_path, addr, len)) {
+    if (!sim::make_unix_addr(server.sock_path, addr, len)) {
         return HOST_HDC_ERR_INVAL;
     }
     server.listen_fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);

@@ -8,8 +8,10 @@
 #include <cstring>
 
 #include "hdc_sim_internal.h"
+#include "sim_common.h"
 
 using namespace velmar::hostplat::hdc;
+namespace sim = velmar::hostplat::sim;
 
 namespace {
 
@@ -18,7 +20,7 @@ int connect_to_server(int dev_id, int service_type)
 {
     sockaddr_un addr{};
     socklen_t len = 0;
-    if (!make_addr(server_base(dev_id, service_type) + ".sock", addr, len)) {
+    if (!sim::make_unix_addr(server_base(dev_id, service_type) + ".sock", addr, len)) {
         return -HOST_HDC_ERR_INVAL;
     }
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
