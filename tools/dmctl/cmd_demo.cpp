@@ -110,13 +110,36 @@ std::string start_server(Server &s, const std::vector<std::string> &args)
                : std::string("server ") + s.name + " did not start";
 }
 
+// Says why an endpoint did not open (`why` is empty when it did); true when it did.
+bool opened(const std::string &why)
+{
+    if (why.empty()) {
+        return true;
+    }
+    printf("  FAILED: %s\n", why.c_str());
+    return false;
+}
+
+// One exchange with server `s` through a client endpoint for `target`, then what the
+// server printed meanwhile.
+bool exchange_with_server(Context &ctx, Exchange &ex, const Target &target, Server &s,
+                          const std::string &text)
+{
+    Endpoint ep;
+    if (!opened(open_client(ctx, target, ep))) {
+        return false;
+    }
+    const bool ok = show_exchange(ex, ep, text);
+    relay(s.child, s.name, 100);
+    return ok;
+}
+
 bool step_selfloop(Context &ctx, Exchange &ex)
 {
     section("1. self-loop: a request to this process itself");
     printf("  The self-loop is a pipe inside the process; our own command handler echoes.\n");
     Endpoint loop;
-    if (std::string why = open_selfloop(ctx, loop); !why.empty()) {
-        printf("  FAILED: %s\n", why.c_str());
+    if (!opened(open_selfloop(ctx, loop))) {
         return false;
     }
     return show_exchange(ex, loop, "ping");
@@ -125,14 +148,7 @@ bool step_selfloop(Context &ctx, Exchange &ex)
 bool step_udp(Context &ctx, Exchange &ex, Server &a)
 {
     section("2. UDP on loopback: to server A, another process");
-    Endpoint udp;
-    if (std::string why = open_client(ctx, a.udp, udp); !why.empty()) {
-        printf("  FAILED: %s\n", why.c_str());
-        return false;
-    }
-    const bool ok = show_exchange(ex, udp, "hello over udp");
-    relay(a.child, a.name, 100);
-    return ok;
+    return exchange_with_server(ctx, ex, a.udp, a, "hello over udp");
 }
 
 bool step_hdc(Context &ctx, Exchange &ex, Server &a)
@@ -142,14 +158,7 @@ bool step_hdc(Context &ctx, Exchange &ex, Server &a)
     Target hdc;
     hdc.transport = Transport::hdc;
     hdc.number = kHdcDevice;
-    Endpoint ep;
-    if (std::string why = open_client(ctx, hdc, ep); !why.empty()) {
-        printf("  FAILED: %s\n", why.c_str());
-        return false;
-    }
-    const bool ok = show_exchange(ex, ep, "hi hdc");
-    relay(a.child, a.name, 100);
-    return ok;
+    return exchange_with_server(ctx, ex, hdc, a, "hi hdc");
 }
 
 bool step_timeout(Context &ctx, Exchange &ex, Server &b)
@@ -159,8 +168,7 @@ bool step_timeout(Context &ctx, Exchange &ex, Server &b)
            "  framework re-sends at %u ms and reports the time-out with that last send.\n",
            kHeldMs, kShortRetries, kShortPeriod, kShortPeriod);
     Endpoint ep;
-    if (std::string why = open_client(ctx, b.udp, ep); !why.empty()) {
-        printf("  FAILED: %s\n", why.c_str());
+    if (!opened(open_client(ctx, b.udp, ep))) {
         return false;
     }
     ep.intf->set_retry(ep.intf, kShortRetries, kShortPeriod);
