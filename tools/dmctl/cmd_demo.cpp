@@ -110,23 +110,14 @@ std::string start_server(Server &s, const std::vector<std::string> &args)
                : std::string("server ") + s.name + " did not start";
 }
 
-// Says why an endpoint did not open (`why` is empty when it did); true when it did.
-bool opened(const std::string &why)
-{
-    if (why.empty()) {
-        return true;
-    }
-    printf("  FAILED: %s\n", why.c_str());
-    return false;
-}
-
 // One exchange with server `s` through a client endpoint for `target`, then what the
 // server printed meanwhile.
 bool exchange_with_server(Context &ctx, Exchange &ex, const Target &target, Server &s,
                           const std::string &text)
 {
     Endpoint ep;
-    if (!opened(open_client(ctx, target, ep))) {
+    if (std::string why = open_client(ctx, target, ep); !why.empty()) {
+        printf("  FAILED: %s\n", why.c_str());
         return false;
     }
     const bool ok = show_exchange(ex, ep, text);
@@ -139,7 +130,8 @@ bool step_selfloop(Context &ctx, Exchange &ex)
     section("1. self-loop: a request to this process itself");
     printf("  The self-loop is a pipe inside the process; our own command handler echoes.\n");
     Endpoint loop;
-    if (!opened(open_selfloop(ctx, loop))) {
+    if (std::string why = open_selfloop(ctx, loop); !why.empty()) {
+        printf("  FAILED: %s\n", why.c_str());
         return false;
     }
     return show_exchange(ex, loop, "ping");
@@ -168,7 +160,8 @@ bool step_timeout(Context &ctx, Exchange &ex, Server &b)
            "  framework re-sends at %u ms and reports the time-out with that last send.\n",
            kHeldMs, kShortRetries, kShortPeriod, kShortPeriod);
     Endpoint ep;
-    if (!opened(open_client(ctx, b.udp, ep))) {
+    if (std::string why = open_client(ctx, b.udp, ep); !why.empty()) {
+        printf("  FAILED: %s\n", why.c_str());
         return false;
     }
     ep.intf->set_retry(ep.intf, kShortRetries, kShortPeriod);
