@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "dm_platform.h"
-#include "hash/malloc_faults.h"
+#include "support/malloc_faults.h"
 #include "hash_table.h"
 #include "host_platform.h"
 

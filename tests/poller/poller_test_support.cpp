@@ -5,32 +5,20 @@
 
 #include <map>
 #include <mutex>
-#include <vector>
 
-#include "host_platform.h"
 
 namespace poller_test {
 namespace {
 
-thread_local int t_memset_skip = -1;
-thread_local int t_memset_code = 0;
 std::atomic<bool> g_clock_frozen{false};
 std::atomic<int64_t> g_frozen_ns{0};
-std::mutex g_mutex; // guards the two records below
+std::mutex g_mutex; // guards the record below
 std::map<int, std::pair<std::string, long>> g_closes;
-std::vector<std::string> g_log_lines;
-
-template <typename Fn> Fn next_symbol(const char *name)
-{
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
 
 } // namespace
 
 mmThreadAttr g_last_thread_attr{};
 std::atomic<bool> g_refuse_thread_attr{false};
-
-void fail_memset(int skip, int code) { t_memset_skip = skip, t_memset_code = code; }
 
 void freeze_clock(bool frozen)
 {
@@ -43,34 +31,6 @@ std::string closed_by(int fd)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_closes.count(fd) != 0 ? g_closes[fd].first : "";
-}
-
-void start_log_capture()
-{
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        g_log_lines.clear();
-    }
-    host_dlog_set_level(0);
-    host_dlog_set_sink(
-        [](int, const char *line, void *) {
-            std::lock_guard<std::mutex> sink_lock(g_mutex);
-            g_log_lines.emplace_back(line);
-        },
-        nullptr);
-}
-
-bool logged(const std::string &text)
-{
-    host_dlog_set_sink(nullptr, nullptr);
-    host_dlog_set_level(-1);
-    std::lock_guard<std::mutex> lock(g_mutex);
-    for (const auto &line : g_log_lines) {
-        if (line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
 }
 
 void drain(int fd)
@@ -90,27 +50,18 @@ void PollerTest::destroy()
     }
     ASSERT_EQ(poller_destory(poller_), 0);
     poller_ = nullptr;
-    ASSERT_TRUE(wait_for([&] { return !closed_by(write_end).empty(); }));
+    ASSERT_TRUE(wait_until([&] { return !closed_by(write_end).empty(); }));
     if (running) { // closing the write end is the thread's last step before it frees
         std::unique_lock<std::mutex> lock(g_mutex);
         const std::string task = "/proc/self/task/" + std::to_string(g_closes[write_end].second);
         lock.unlock();
-        ASSERT_TRUE(wait_for([&] { return access(task.c_str(), F_OK) != 0; }));
+        ASSERT_TRUE(wait_until([&] { return access(task.c_str(), F_OK) != 0; }));
     }
 }
 
 } // namespace poller_test
 
 using namespace poller_test;
-
-extern "C" int memset_s(void *dest, size_t dest_max, int c, size_t count)
-{
-    static auto real = next_symbol<int (*)(void *, size_t, int, size_t)>("memset_s");
-    if (t_memset_skip >= 0 && t_memset_skip-- == 0) {
-        return t_memset_code;
-    }
-    return real(dest, dest_max, c, count);
-}
 
 extern "C" mmTimespec mmGetTickCount(void)
 {

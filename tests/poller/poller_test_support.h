@@ -1,38 +1,27 @@
-// Shared by the poller's tests: a fixture, waiting with generous bounds, log capture,
-// and platform functions that the test program defines itself (they interpose on the
-// host layer's) to inject memset_s failures, freeze the clock and watch the poll thread.
+// Shared by the poller's tests: a fixture, and platform functions that the test program
+// defines itself (they interpose on the host layer's) to freeze the clock and watch the
+// poll thread.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include "poller/poller_internal.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/waiting.h"
 
 namespace poller_test {
 
-using namespace std::chrono_literals;
+using namespace velmar::test;
 
-template <typename Done> bool wait_for(Done done, std::chrono::milliseconds limit = 5s)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(1ms);
-    }
-    return done();
-}
-
-void fail_memset(int skip, int code); // on this thread only; skip -1 disarms
 void freeze_clock(bool frozen);       // mmGetTickCount keeps returning the moment of freezing
 extern mmThreadAttr g_last_thread_attr;
 extern std::atomic<bool> g_refuse_thread_attr;
 std::string closed_by(int fd);           // thread name of the last mmCloseFile(fd), or ""
-void start_log_capture();                // clears and captures every device-log line
-bool logged(const std::string &text);    // also ends the capture
 void drain(int fd);
 
 struct Pipe {
@@ -55,7 +44,7 @@ protected:
     void start()
     {
         ASSERT_EQ(poller_run(poller_), 0);
-        ASSERT_TRUE(wait_for([this] { return state() == velmar::poller::kRunning; }));
+        ASSERT_TRUE(wait_until([this] { return state() == velmar::poller::kRunning; }));
     }
     void destroy(); // when running, waits until the poll thread has freed it and gone
     uint32_t state() { return velmar::poller::load_state(poller_); }

@@ -60,7 +60,7 @@ TEST_F(PollerFdTest, CallbackGetsItsArgumentsOnThePollThread)
     for (const Pipe *p : {&copied, &negative, &null_data}) {
         p->put();
         ++expected;
-        ASSERT_TRUE(wait_for([&] { return calls() == expected; }));
+        ASSERT_TRUE(wait_until([&] { return calls() == expected; }));
     }
     EXPECT_EQ(*static_cast<void **>(g_calls[0].data), &g_calls); // the copy, still alive
     destroy(); // before the pipes close
@@ -98,7 +98,7 @@ TEST_F(PollerFdTest, OtherThreadsAddAndRemoveWhileRunning)
                 ASSERT_EQ(poller_fd_add(poller_, p.rd(), POLLIN, record, nullptr, 1), 0);
                 const size_t before = calls();
                 p.put();
-                ASSERT_TRUE(wait_for([&] { return calls() > before; }));
+                ASSERT_TRUE(wait_until([&] { return calls() > before; }));
                 EXPECT_EQ(poller_fd_remove(poller_, p.rd(), POLLIN), 0);
                 const size_t after = calls();
                 p.put();
@@ -113,7 +113,7 @@ TEST_F(PollerFdTest, OtherThreadsAddAndRemoveWhileRunning)
     for (auto &w : workers) {
         w.join();
     }
-    EXPECT_TRUE(wait_for([&] { return fd_entries() == 1; })); // swept
+    EXPECT_TRUE(wait_until([&] { return fd_entries() == 1; })); // swept
 }
 
 TEST_F(PollerFdTest, RemovalDuringACallbackOnlyMarksUntilTheSweep)
@@ -127,7 +127,7 @@ TEST_F(PollerFdTest, RemovalDuringACallbackOnlyMarksUntilTheSweep)
         EXPECT_EQ(list_size(g_poller->fd_list), before);
         EXPECT_EQ(poller_fd_add(g_poller, later_fd, POLLIN, record, nullptr, 1), 0);
         phase = 1;
-        EXPECT_TRUE(wait_for([] { return phase == 2; }));
+        EXPECT_TRUE(wait_until([] { return phase == 2; }));
         EXPECT_EQ(*static_cast<int *>(data), 4242); // the copy outlives its removal
         drain(fd);
         return 0;
@@ -141,15 +141,15 @@ TEST_F(PollerFdTest, RemovalDuringACallbackOnlyMarksUntilTheSweep)
     ASSERT_EQ(poller_fd_add(poller_, idle.rd(), POLLIN, record, nullptr, 1), 0);
     start();
     busy.put();
-    ASSERT_TRUE(wait_for([] { return phase == 1; }));
+    ASSERT_TRUE(wait_until([] { return phase == 1; }));
     EXPECT_EQ(poller_fd_remove(poller_, busy.rd(), POLLIN), 0); // does not wait for it
     EXPECT_EQ(fd_entries(), 4U);
     phase = 2;
-    EXPECT_TRUE(wait_for([this] { return fd_entries() == 2; })); // notifier and `later`
+    EXPECT_TRUE(wait_until([this] { return fd_entries() == 2; })); // notifier and `later`
     for (const Pipe *p : {&busy, &idle, &later}) {
         p->put();
     }
-    ASSERT_TRUE(wait_for([] { return calls() == 1; }));
+    ASSERT_TRUE(wait_until([] { return calls() == 1; }));
     std::this_thread::sleep_for(60ms);
     destroy();
     ASSERT_EQ(g_calls.size(), 1U);

@@ -50,9 +50,9 @@ TEST(PollArray, MarkedEntriesTakeNoSlotButCountAndFailedGrowthWatchesNothing)
     EXPECT_EQ(array.fds[2].fd, 102); // the last slot keeps what the earlier pass put there
 
     array.size = 2; // pretend the array is too small, and fail zeroing the new one
-    fail_memset(0, 34);
+    g_memset_fault.arm(0, 34, {.this_thread = true});
     array.load();
-    fail_memset(-1, 0);
+    g_memset_fault.disarm();
     EXPECT_EQ(array.nfds, 0U);
     array.load(); // the next pass grows again
     EXPECT_EQ(array.size, 8U);

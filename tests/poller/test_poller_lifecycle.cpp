@@ -1,6 +1,5 @@
 // Life cycle: who may run and stop the poller, restarting, destroying in each state, the
 // thread's attributes, and failures that must leave nothing behind.
-#include <dirent.h>
 
 #include "poller_test_support.h"
 
@@ -8,17 +7,6 @@ using namespace poller_test;
 using velmar::poller::kIdle;
 
 namespace {
-
-int open_descriptors()
-{
-    int count = 0;
-    DIR *dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
 
 using PollerLifecycleTest = PollerTest;
 
@@ -39,15 +27,15 @@ TEST_F(PollerLifecycleTest, OnlyTheCreatorRunsAndExitsItThenItRunsAgain)
     EXPECT_EQ(g_last_thread_attr.stackFlag, 1);
     EXPECT_EQ(g_last_thread_attr.stackSize, 131072U);
 
-    start_log_capture();
+    LogCapture log{false};
     ASSERT_EQ(poller_exit(poller_), 0);
-    ASSERT_TRUE(wait_for([this] { return state() == kIdle; }));
+    ASSERT_TRUE(wait_until([this] { return state() == kIdle; }));
     g_refuse_thread_attr = true;
     start(); // again, and with default attributes
     g_refuse_thread_attr = false;
-    EXPECT_TRUE(logged("The system does not support ajusting sched priority, try using "
+    EXPECT_TRUE(log.contains("The system does not support ajusting sched priority, try using "
                        "default thread prority\n"));
-    EXPECT_TRUE(logged("do poll exit, poll state = 2\n"));
+    EXPECT_TRUE(log.contains("do poll exit, poll state = 2\n"));
     int policy = -1;
     sched_param param{};
     ASSERT_EQ(pthread_getschedparam(poller_->thread, &policy, &param), 0);
@@ -57,7 +45,7 @@ TEST_F(PollerLifecycleTest, OnlyTheCreatorRunsAndExitsItThenItRunsAgain)
     auto count = [](int fd, int, void *, uint32_t) { return drain(fd), ++hits, 0; };
     ASSERT_EQ(poller_fd_add(poller_, p.rd(), POLLIN, count, nullptr, 1), 0);
     p.put();
-    EXPECT_TRUE(wait_for([] { return hits == 1; }));
+    EXPECT_TRUE(wait_until([] { return hits == 1; }));
     destroy();
 }
 
@@ -80,16 +68,16 @@ TEST_F(PollerLifecycleTest, DestroyWhileRunningIsCompletedByThePollThread)
 TEST_F(PollerLifecycleTest, FailingMemsetLeavesNothingBehind)
 {
     constexpr int kCode = 34;
-    const int descriptors = open_descriptors();
+    const int descriptors = open_fds();
     EXPECT_EQ(poller_create(nullptr), 22);
     EXPECT_EQ(poller_destory(nullptr), 22);
     char self[32] = {};
     pthread_getname_np(pthread_self(), self, sizeof(self));
     for (int skip = 0;; ++skip) {
         POLLER_ST *other = poller_;
-        fail_memset(skip, kCode);
+        g_memset_fault.arm(skip, kCode, {.this_thread = true});
         const int ret = poller_create(&other);
-        fail_memset(-1, 0);
+        g_memset_fault.disarm();
         const int other_rd = ret == 0 ? other->notify_fd[0] : -1;
         if (ret == 0) {
             EXPECT_GE(skip, 5) << "handle, two lists, the notifier's entry and its copy";
@@ -99,20 +87,20 @@ TEST_F(PollerLifecycleTest, FailingMemsetLeavesNothingBehind)
         }
         EXPECT_EQ(ret, kCode);
         EXPECT_EQ(other, nullptr);
-        EXPECT_EQ(open_descriptors(), descriptors);
+        EXPECT_EQ(open_fds(), descriptors);
     }
     int datum = 5;
     for (int skip = 0; skip < 3; ++skip) { // the entry, the copy, the list's node
         void *handle = nullptr;
-        fail_memset(skip, kCode);
+        g_memset_fault.arm(skip, kCode, {.this_thread = true});
         EXPECT_EQ(poller_fd_add(poller_, 0, POLLIN, nullptr, &datum, sizeof(datum)), kCode);
-        fail_memset(skip, kCode);
+        g_memset_fault.arm(skip, kCode, {.this_thread = true});
         EXPECT_EQ(poller_timer_add(poller_, 9, nullptr, &datum, sizeof(datum), &handle), kCode);
         EXPECT_EQ(handle, nullptr);
         EXPECT_EQ(fd_entries(), 1U);
         EXPECT_EQ(timer_entries(), 0U);
     }
-    fail_memset(-1, 0);
+    g_memset_fault.disarm();
 }
 
 } // namespace

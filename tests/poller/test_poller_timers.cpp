@@ -62,7 +62,7 @@ TEST_F(PollerTimerTest, FireInDeadlineOrderWithTiesFirstIn)
     ASSERT_EQ(poller_timer_add(poller_, 0, record, nullptr, 8, nullptr), 0); // no data
     freeze_clock(false);
     start();
-    ASSERT_TRUE(wait_for([] { return fired_tags().size() == 4; }));
+    ASSERT_TRUE(wait_until([] { return fired_tags().size() == 4; }));
     EXPECT_EQ(fired_tags(), "-BCA");
     EXPECT_EQ(g_fired[0].elapsed, 1); // an interval of 0 is always past due
     EXPECT_EQ(g_fired[0].len, 0U);
@@ -91,7 +91,7 @@ TEST_F(PollerTimerTest, RemoveReleasesAtOnceWhileStoppedAndIgnoresStaleHandles)
     void *early = nullptr; // fired, then removed by its stale handle
     add(1, 'E', &early);
     start();
-    ASSERT_TRUE(wait_for([] { return fired_tags() == "E"; }));
+    ASSERT_TRUE(wait_until([] { return fired_tags() == "E"; }));
     EXPECT_EQ(poller_timer_remove(poller_, &early), 0);
     std::this_thread::sleep_for(60ms);
     EXPECT_EQ(timer_entries(), 1U);
@@ -104,7 +104,7 @@ TEST_F(PollerTimerTest, CancelFromAnotherThreadWhileRunning)
     add(150, 'D', &doomed);
     add(40, 'K');
     std::thread([&] { EXPECT_EQ(poller_timer_remove(poller_, &doomed), 0); }).join();
-    EXPECT_TRUE(wait_for([this] { return timer_entries() == 0; })); // marked, then reaped
+    EXPECT_TRUE(wait_until([this] { return timer_entries() == 0; })); // marked, then reaped
     std::this_thread::sleep_for(250ms);
     EXPECT_EQ(fired_tags(), "K");
 }
@@ -123,7 +123,7 @@ TEST_F(PollerTimerTest, CallbacksAddAndCancelTimers)
     ASSERT_EQ(poller_timer_add(poller_, 5, rearm, &tag, 1, nullptr), 0);
     add(100, 'V', &g_victim);
     start();
-    ASSERT_TRUE(wait_for([] { return fired_tags().size() == 2; }));
+    ASSERT_TRUE(wait_until([] { return fired_tags().size() == 2; }));
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(fired_tags(), "12"); // the victim never fired
     EXPECT_EQ(timer_entries(), 0U);

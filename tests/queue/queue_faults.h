@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-#include "hash/malloc_faults.h"
+#include "support/malloc_faults.h"
 
 namespace velmar::test {
 

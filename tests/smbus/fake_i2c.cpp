@@ -3,16 +3,13 @@
 #include <dlfcn.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 
-#include "host_platform.h"
 
 namespace velmar::test {
 namespace {
@@ -28,10 +25,6 @@ std::atomic<int> g_fd{-1};
 I2cDevice g_device;
 std::vector<I2cCall> g_calls;
 std::string g_device_target;
-std::vector<std::string> g_lines;
-std::atomic<int> g_memset_fail{0}, g_memcpy_fail{0};
-std::atomic<bool> g_clock_jumps{false};
-std::atomic<int64_t> g_clock_readings{0};
 
 int fail_with_eio()
 {
@@ -88,12 +81,6 @@ int fake_ioctl(unsigned long request, void *arg)
     }
 }
 
-void sink(int /*level*/, const char *line, void * /*ctx*/)
-{
-    std::lock_guard lock(g_lock);
-    g_lines.emplace_back(line);
-}
-
 } // namespace
 
 void fake_attach(int fd)
@@ -124,43 +111,6 @@ void redirect_device_path(const std::string &path)
     g_device_target = path;
 }
 
-void fail_next_memset_s(int code) { g_memset_fail.store(code); }
-void fail_next_memcpy_s(int code) { g_memcpy_fail.store(code); }
-
-LogCapture::LogCapture()
-{
-    {
-        std::lock_guard lock(g_lock);
-        g_lines.clear();
-    }
-    host_dlog_set_level(0);
-    host_dlog_set_sink(sink, nullptr);
-    g_clock_jumps.store(true);
-}
-
-LogCapture::~LogCapture()
-{
-    g_clock_jumps.store(false);
-    host_dlog_set_sink(nullptr, nullptr);
-    host_dlog_set_level(-1);
-}
-
-size_t LogCapture::count(const std::string &suffix) const
-{
-    std::lock_guard lock(g_lock);
-    size_t n = 0;
-    for (const auto &line : g_lines) {
-        n += line.ends_with(suffix);
-    }
-    return n;
-}
-
-size_t LogCapture::size() const
-{
-    std::lock_guard lock(g_lock);
-    return g_lines.size();
-}
-
 } // namespace velmar::test
 
 using namespace velmar::test;
@@ -187,34 +137,4 @@ extern "C" char *realpath(const char *path, char *resolved) __THROW
     }
     static const auto next = real<char *(*)(const char *, char *)>("realpath");
     return next(target.empty() ? path : target.c_str(), resolved);
-}
-
-extern "C" int memset_s(void *dest, size_t dest_max, int c, size_t count)
-{
-    if (int code = g_memset_fail.exchange(0); code != 0) {
-        return code;
-    }
-    static const auto next = real<int (*)(void *, size_t, int, size_t)>("memset_s");
-    return next(dest, dest_max, c, count);
-}
-
-extern "C" int memcpy_s(void *dest, size_t dest_max, const void *src, size_t count)
-{
-    if (int code = g_memcpy_fail.exchange(0); code != 0) {
-        return code;
-    }
-    static const auto next = real<int (*)(void *, size_t, const void *, size_t)>("memcpy_s");
-    return next(dest, dest_max, src, count);
-}
-
-extern "C" int gettimeofday(struct timeval *__restrict tv, void *__restrict /*tz*/) __THROW
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    if (g_clock_jumps.load()) {
-        now.tv_sec += 4 * g_clock_readings.fetch_add(1);
-    }
-    tv->tv_sec = now.tv_sec;
-    tv->tv_usec = now.tv_nsec / 1000;
-    return 0;
 }

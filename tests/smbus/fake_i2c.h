@@ -1,11 +1,13 @@
-// A fake I2C bus for the SMBus tests. The program defines ioctl, realpath, memset_s,
-// memcpy_s and gettimeofday itself (ELF interposition); calls not aimed at the fake go
-// on to the real functions.
+// A fake I2C bus for the SMBus tests. The program defines ioctl and realpath itself (ELF
+// interposition); calls not aimed at the fake go on to the real functions.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "support/faults.h"
+#include "support/log_capture.h"
 
 namespace velmar::test {
 
@@ -33,17 +35,5 @@ void fake_set(const I2cDevice &device);
 std::vector<I2cCall> fake_calls();
 
 void redirect_device_path(const std::string &path); // realpath("/dev/i2c-0"); "" ends it
-void fail_next_memset_s(int code); // one shot
-void fail_next_memcpy_s(int code);
-
-// Captures the device log at every level while alive; the error rate limiter's clock
-// jumps 4 s on each reading meanwhile, so every error line is written.
-class LogCapture {
-public:
-    LogCapture();
-    ~LogCapture();
-    size_t count(const std::string &suffix) const; // lines ending with `suffix`
-    size_t size() const;
-};
 
 } // namespace velmar::test

@@ -48,10 +48,10 @@ protected:
     {
         fake_set(I2cDevice{.write_rc = -1});
         LogCapture log;
-        for (int i = 0; i < 601 && log.count(kReportError) == 0; ++i) {
+        for (int i = 0; i < 601 && log.count_ending_with(kReportError) == 0; ++i) {
             send(1);
         }
-        ASSERT_EQ(log.count(kReportError), 1U);
+        ASSERT_EQ(log.count_ending_with(kReportError), 1U);
     }
     int fd_ = -1;
     std::array<uint8_t, 33> data_{};
@@ -90,18 +90,18 @@ TEST_F(Smbus, SendFailuresBeforeTheWrite)
     EXPECT_EQ(smbus_msg_send(fd_, nullptr, 1), -22);
     EXPECT_EQ(send(33), -22);
     EXPECT_TRUE(fake_calls().empty());
-    EXPECT_EQ(log.count("Drv_check:(data != ((void *)0))\n"), 1U);
-    EXPECT_EQ(log.count("Drv_check:(data_len <= 32)\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(data != ((void *)0))\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(data_len <= 32)\n"), 1U);
 
-    fail_next_memcpy_s(34);
+    g_memcpy_fault.arm(0, 34);
     EXPECT_EQ(send(1), 34);
     EXPECT_EQ(fake_calls().size(), 1U); // the slave selection only
-    EXPECT_EQ(log.count("memcpy_s error\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("memcpy_s error\n"), 1U);
 
     fake_set(I2cDevice{.slave_rc = -1});
     EXPECT_EQ(send(1), -1);
     EXPECT_EQ(fake_calls().size(), 2U);
-    EXPECT_EQ(log.count("__dm_smbus_send: ioctl set slave addr fail:64\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("__dm_smbus_send: ioctl set slave addr fail:64\n"), 1U);
 }
 
 TEST_F(Smbus, FailedWritesAreReportedOncePer601EvenAcrossSuccesses)
@@ -117,14 +117,14 @@ TEST_F(Smbus, FailedWritesAreReportedOncePer601EvenAcrossSuccesses)
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(send(1), -1);
     }
-    EXPECT_EQ(log.size(), 0U); // 600 failures: silent
+    EXPECT_EQ(log.lines().size(), 0U); // 600 failures: silent
     ASSERT_EQ(send(1), -1);
-    EXPECT_EQ(log.count(kReportCheck), 1U);
-    EXPECT_EQ(log.count(kReportError), 1U);
+    EXPECT_EQ(log.count_ending_with(kReportCheck), 1U);
+    EXPECT_EQ(log.count_ending_with(kReportError), 1U);
     for (int i = 0; i < 600; ++i) {
         ASSERT_EQ(send(1), -1);
     }
-    EXPECT_EQ(log.count(kReportError), 1U) << "the count starts again after a report";
+    EXPECT_EQ(log.count_ending_with(kReportError), 1U) << "the count starts again after a report";
 }
 
 TEST_F(Smbus, ConcurrentFailuresAreCountedExactly)
@@ -143,7 +143,7 @@ TEST_F(Smbus, ConcurrentFailuresAreCountedExactly)
     for (auto &thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(log.count(kReportCheck), kThreads);
+    EXPECT_EQ(log.count_ending_with(kReportCheck), kThreads);
 }
 
 TEST_F(Smbus, RecvReadsTheLengthThenTheCountedBlock)
@@ -185,7 +185,7 @@ TEST_F(Smbus, RecvLengthLimits)
     EXPECT_EQ(recv(), -22);
     EXPECT_EQ(len_, 0xDEADU);
     EXPECT_EQ(fake_calls().size(), 1U) << "no block read";
-    EXPECT_EQ(log.count("Drv_check:(req_data.block[0] <= 32)\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(req_data.block[0] <= 32)\n"), 1U);
 }
 
 TEST_F(Smbus, RecvReadFailuresGoUnnoticed)
@@ -207,17 +207,17 @@ TEST_F(Smbus, RecvArgumentAndCopyFailures)
     LogCapture log;
     EXPECT_EQ(smbus_msg_recv(fd_, nullptr, &len_), -22);
     EXPECT_EQ(smbus_msg_recv(fd_, buf_.data(), nullptr), -22);
-    fail_next_memset_s(34);
+    g_memset_fault.arm(0, 34);
     EXPECT_EQ(recv(), -22);
     EXPECT_TRUE(fake_calls().empty());
-    EXPECT_EQ(log.count("Drv_check:(data_recv != ((void *)0))\n"), 1U);
-    EXPECT_EQ(log.count("Drv_check:(recv_len != ((void *)0))\n"), 1U);
-    EXPECT_EQ(log.count("Drv_check:(ret == 0)\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(data_recv != ((void *)0))\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(recv_len != ((void *)0))\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(ret == 0)\n"), 1U);
 
     fake_set(I2cDevice{.length = 3});
-    fail_next_memcpy_s(162);
+    g_memcpy_fault.arm(0, 162);
     EXPECT_EQ(recv(), 162);
-    EXPECT_EQ(log.count("memcpy_s error\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("memcpy_s error\n"), 1U);
 }
 
 TEST(SmbusOpen, FollowsALinkToTheDeviceAndOpensItNonBlockingCloseOnExec)
@@ -239,7 +239,7 @@ TEST(SmbusOpen, FollowsALinkToTheDeviceAndOpensItNonBlockingCloseOnExec)
     std::filesystem::remove(target); // the link now dangles
     LogCapture log;
     EXPECT_EQ(smbus_save_open(), -1);
-    EXPECT_EQ(log.count("Drv_check:(fd >= 0)\n"), 1U);
+    EXPECT_EQ(log.count_ending_with("Drv_check:(fd >= 0)\n"), 1U);
     redirect_device_path("");
     std::filesystem::remove_all(dir);
 }

@@ -37,6 +37,7 @@ void FaultPoint::arm_from(int first, std::initializer_list<int> codes, FaultFilt
     }
     this_thread_.store(filter.this_thread);
     core_only_.store(filter.core_only);
+    dest_max_.store(filter.dest_max);
     owner_.store(pthread_self());
     first_.store(first);
     codes_n_.store(n);
@@ -52,11 +53,12 @@ void FaultPoint::disarm()
     seen_.store(0);
 }
 
-bool FaultPoint::trip(int &code, const void *caller)
+bool FaultPoint::trip(int &code, const void *caller, size_t dest_max)
 {
     const bool armed = armed_.load();
+    const size_t only_size = dest_max_.load();
     if (armed && ((this_thread_.load() && !pthread_equal(owner_.load(), pthread_self())) ||
-                  (core_only_.load() && !called_by_core(caller)))) {
+                  (core_only_.load() && !called_by_core(caller)) || (only_size != 0 && only_size != dest_max))) {
         return false;
     }
     const int index = seen_.fetch_add(1) - first_.load();
@@ -89,7 +91,7 @@ void disarm_platform_faults()
     {                                                                                              \
         static const auto next = velmar::test::next_symbol<int(*) params>(#name);                   \
         int code = 0;                                                                              \
-        return velmar::test::point.trip(code, __builtin_return_address(0)) ? code : next args;    \
+        return velmar::test::point.trip(code, __builtin_return_address(0), dest_max) ? code : next args; \
     }
 
 VELMAR_INTERPOSE(memset_s, g_memset_fault, (void *dest, size_t dest_max, int c, size_t count),

@@ -8,6 +8,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <cstddef>
 #include <atomic>
 #include <initializer_list>
 
@@ -17,6 +18,7 @@ namespace velmar::test {
 struct FaultFilter {
     bool this_thread = false; // only calls from the thread that armed it
     bool core_only = false;   // only calls made by the core library itself
+    size_t dest_max = 0;      // only calls with this destination size (0: any)
 };
 
 class FaultPoint {
@@ -27,7 +29,7 @@ public:
     void arm_sequence(std::initializer_list<int> codes); // the next calls, one code each
     void disarm(); // also restarts calls()
     // Called by the interposer on every call; true with *code when this one fails.
-    bool trip(int &code, const void *caller = nullptr);
+    bool trip(int &code, const void *caller = nullptr, size_t dest_max = 0);
     int calls() const { return seen_.load(); } // counted calls since the last arm or disarm
     bool fired() const { return fired_.load(); } // since the last arm
 
@@ -38,6 +40,7 @@ private:
     std::atomic<bool> fired_{false};
     std::atomic<bool> this_thread_{false};
     std::atomic<bool> core_only_{false};
+    std::atomic<size_t> dest_max_{0};
     std::atomic<pthread_t> owner_{};
     std::atomic<int> first_{0};
     std::atomic<int> count_{0};

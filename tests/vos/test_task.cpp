@@ -3,7 +3,6 @@
 // and every test starts and ends with no task alive.
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -15,38 +14,13 @@
 #include <vector>
 
 #include "dm_platform.h"
+#include "support/faults.h"
 #include "vos/vos_test_support.h"
 #include "vos_osal.h"
 #include "vos_task.h"
 
 using namespace velmar::vostest;
 using namespace std::chrono_literals;
-
-namespace {
-
-std::atomic<bool> g_fail_tail_clear{false}; // one memset_s of a 32-byte area fails
-std::atomic<bool> g_fail_desc_copy{false};  // one strncpy_s into a 51-byte field fails
-
-} // namespace
-
-extern "C" int memset_s(void *dest, size_t dest_max, int c, size_t count)
-{
-    if (dest_max == 32 && g_fail_tail_clear.exchange(false)) {
-        return 34;
-    }
-    static const auto real = reinterpret_cast<int (*)(void *, size_t, int, size_t)>(dlsym(RTLD_NEXT, "memset_s"));
-    return real(dest, dest_max, c, count);
-}
-
-extern "C" int strncpy_s(char *dest, size_t dest_max, const char *src, size_t count)
-{
-    if (dest_max == 51 && g_fail_desc_copy.exchange(false)) {
-        return 22;
-    }
-    static const auto real =
-        reinterpret_cast<int (*)(char *, size_t, const char *, size_t)>(dlsym(RTLD_NEXT, "strncpy_s"));
-    return real(dest, dest_max, src, count);
-}
 
 namespace {
 
@@ -407,9 +381,10 @@ TEST_F(TaskTest, DescriptionCopyFailureReleasesTheBlockAndTheLock)
 {
     TaskProbe probe;
     uint32_t task_no = 0;
-    g_fail_desc_copy.store(true);
-    EXPECT_EQ(create_probe(probe, &task_no, "desc", 1, 0, "a description"), 1U);
-    g_fail_desc_copy.store(false);
+    {
+        ArmedFault fault(g_strncpy_fault, 0, 22, {.dest_max = 51}); // the description field
+        EXPECT_EQ(create_probe(probe, &task_no, "desc", 1, 0, "a description"), 1U);
+    }
     EXPECT_EQ(task_no, kNotFound);
     EXPECT_EQ(used_blocks(), 0U);
     ASSERT_EQ(pthread_mutex_trylock(&g_task_splmutex), 0) << "the SPL lock was left held";
@@ -421,10 +396,10 @@ TEST_F(TaskTest, FailedClearOfTheTailKeepsTheBlockOutOfUse)
     TaskProbe probe;
     uint32_t task_no = 0;
     ASSERT_EQ(create_probe(probe, &task_no), 0U);
-    g_fail_tail_clear.store(true);
+    ArmedFault fault(g_memset_fault, 0, 34, {.dest_max = 32}); // the block's tail
     probe.go.open();
     probe.finish.open();
-    ASSERT_TRUE(wait_until([&] { return !g_fail_tail_clear.load(); }, 10s));
+    ASSERT_TRUE(wait_until([&] { return g_memset_fault.fired(); }, 10s));
     ASSERT_TRUE(wait_until([&] { return shared_load(g_p_task_cb[task_no].tid) == kFreeWord; }, 10s));
     EXPECT_TRUE(block_used(task_no));
     TaskProbe next;

@@ -1,4 +1,4 @@
-#include "hash/malloc_faults.h"
+#include "support/malloc_faults.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// A replacement malloc and free for the hash table and message queue test programs, where
+// A replacement malloc and free for the test programs that reference it, where
 // the build allows one (not under the sanitizers, whose runtimes own malloc).
 #pragma once
 
