@@ -7,21 +7,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 namespace hdc_test {
-
-bool wait_for(const std::function<bool()> &done, std::chrono::milliseconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 int threads_named(const char *name)
 {
@@ -114,7 +101,7 @@ int32_t Inbox::echo(DM_INTF_ST *intf, DM_MSG_ST *msg, void *user_data, uint32_t)
 
 std::vector<Seen> Inbox::wait(size_t n)
 {
-    wait_for([&] { return size() >= n; });
+    wait_until([&] { return size() >= n; }, 10s);
     std::lock_guard<std::mutex> guard(mutex_);
     return seen_;
 }
@@ -140,7 +127,7 @@ HdcContext::HdcContext()
 HdcContext::~HdcContext()
 {
     // A session thread still running would write into a pipe whose record is gone.
-    wait_for([] { return threads_named(kSessionThread) == 0; });
+    wait_until([] { return threads_named(kSessionThread) == 0; }, 10s);
     dm_destroy(cb);
     for (const Leftovers &left : left_) {
         auto *handle = reinterpret_cast<void *>(*left.cell);
@@ -150,7 +137,7 @@ HdcContext::~HdcContext()
         close(left.wfd);
     }
     // Destroying the server woke each accept thread; the cleared flag ends its loop.
-    wait_for([] { return threads_named(kAcceptThread) == 0; });
+    wait_until([] { return threads_named(kAcceptThread) == 0; }, 10s);
 }
 
 DM_INTF_ST *HdcContext::open(uint32_t role, uint32_t intf_num, uint32_t dev_id, int *ret)

@@ -4,9 +4,7 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,13 +12,11 @@
 #include "dm_hdc.h"
 #include "dm_msg.h"
 #include "host_hdc.h"
+#include "support/waiting.h"
 
 namespace hdc_test {
 
-using namespace std::chrono_literals;
-
-// Polls `done` every millisecond for at most `limit`.
-bool wait_for(const std::function<bool()> &done, std::chrono::milliseconds limit = 10s);
+using namespace velmar::test;
 
 // Threads of this process with this name, as the kernel keeps it (15 characters).
 int threads_named(const char *name);

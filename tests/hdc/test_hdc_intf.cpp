@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
@@ -19,12 +18,6 @@
 using namespace hdc_test;
 
 namespace {
-
-int open_fds()
-{
-    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                          std::filesystem::directory_iterator{}));
-}
 
 // Holds the poller thread in the handler until released, so that the pipe fills up.
 // The answer closes the request's session.
@@ -135,7 +128,7 @@ TEST(HdcIntf, TheRunEnvironmentGivesTheSourceTypeAndAnUnknownOneDropsTheMessage)
     // messages queue behind it in the pipe.
     const uint64_t asked = host_hdc_call_count("halHdcGetSessionAttr");
     HDC_SESSION unknown = send_as(5, 5);
-    ASSERT_TRUE(wait_for([&] { return host_hdc_call_count("halHdcGetSessionAttr") > asked; }));
+    ASSERT_TRUE(wait_until([&] { return host_hdc_call_count("halHdcGetSessionAttr") > asked; }, 10s));
     const std::vector<std::pair<int32_t, uint8_t>> known = {{1, 1}, {2, 2}, {3, 0}, {4, 2}};
     for (const auto &[run_env, src_type] : known) {
         HDC_SESSION session = send_as(run_env, static_cast<uint64_t>(run_env));
@@ -184,12 +177,12 @@ TEST(HdcIntf, AFullPipeDropsWholeFramesAndNeverAPart)
         const std::string frame = make_frame(0, 30, 0, req_id, DM_MSG_REQ, pattern(4096));
         for (int i = 0; i < n; ++i) {
             HDC_SESSION session = nullptr;
-            ASSERT_TRUE(wait_for([&] { return (session = peer.connect(30)) != nullptr; }));
+            ASSERT_TRUE(wait_until([&] { return (session = peer.connect(30)) != nullptr; }, 10s));
             ASSERT_EQ(RawClient::send(session, frame), 0);
             drvHdcSessionClose(session);
         }
-        ASSERT_TRUE(wait_for([&] { return host_hdc_call_count("halHdcRecv") == received + n; }));
-        ASSERT_TRUE(wait_for([] { return threads_named(kSessionThread) == 0; }));
+        ASSERT_TRUE(wait_until([&] { return host_hdc_call_count("halHdcRecv") == received + n; }, 10s));
+        ASSERT_TRUE(wait_until([] { return threads_named(kSessionThread) == 0; }, 10s));
     };
     g_hold = true;
     push(300, 1); // 1.2 MB: more than a 1 MiB pipe holds
@@ -199,9 +192,9 @@ TEST(HdcIntf, AFullPipeDropsWholeFramesAndNeverAPart)
     push(1, 1);
     g_hold = false;
     int queued = 1;
-    ASSERT_TRUE(wait_for([&] { return ioctl(server->fd, FIONREAD, &queued) == 0 && queued == 0; }));
+    ASSERT_TRUE(wait_until([&] { return ioctl(server->fd, FIONREAD, &queued) == 0 && queued == 0; }, 10s));
     push(1, 2); // into the drained pipe: when it arrives, all before it have
-    ASSERT_TRUE(wait_for([&] { return inbox.size() > 0 && inbox.wait(0).back().req_id == 2; }));
+    ASSERT_TRUE(wait_until([&] { return inbox.size() > 0 && inbox.wait(0).back().req_id == 2; }, 10s));
     const std::vector<Seen> seen = inbox.wait(0);
     EXPECT_LT(seen.size(), 300U);
     for (const Seen &one : seen) {
@@ -218,8 +211,8 @@ TEST(HdcIntf, AServerClosesASessionAfterFiveReceiveTimeouts)
     RawClient peer;
     HDC_SESSION session = peer.connect(23);
     ASSERT_NE(session, nullptr);
-    ASSERT_TRUE(wait_for([] { return host_hdc_fail_pending("halHdcRecv") == 1; }));
-    ASSERT_TRUE(wait_for([] { return threads_named(kSessionThread) == 0; }));
+    ASSERT_TRUE(wait_until([] { return host_hdc_fail_pending("halHdcRecv") == 1; }, 10s));
+    ASSERT_TRUE(wait_until([] { return threads_named(kSessionThread) == 0; }, 10s));
     host_hdc_fail_clear();
     std::string nothing;
     EXPECT_EQ(RawClient::recv(session, nothing, 5000), HOST_HDC_ERR_CLOSED);
@@ -294,7 +287,7 @@ TEST(HdcIntf, ClosingAnyInterfaceStopsEveryAcceptLoopAndKeepsItsPipe)
     DM_INTF_ST *second = ctx.open(DM_HDC_ROLE_SERVER, 29, 0);
     ASSERT_NE(first, nullptr);
     ASSERT_NE(second, nullptr);
-    ASSERT_TRUE(wait_for([] { return threads_named(kAcceptThread) == 2; }));
+    ASSERT_TRUE(wait_until([] { return threads_named(kAcceptThread) == 2; }, 10s));
     // Without its server the second loop's accept fails at once, again and again: only
     // the flag ends it.
     auto *second_cell = reinterpret_cast<uint64_t *>(second->reserved);
@@ -305,7 +298,7 @@ TEST(HdcIntf, ClosingAnyInterfaceStopsEveryAcceptLoopAndKeepsItsPipe)
     const int wfd = first->wfd;
     ASSERT_EQ(dm_intf_deregister(first), 0);
     EXPECT_EQ(std::atomic_ref<int>(g_dm_hdc_run).load(), 0);
-    EXPECT_TRUE(wait_for([] { return threads_named(kAcceptThread) == 1; }));
+    EXPECT_TRUE(wait_until([] { return threads_named(kAcceptThread) == 1; }, 10s));
     EXPECT_NE(fcntl(fd, F_GETFD), -1);
     EXPECT_NE(fcntl(wfd, F_GETFD), -1);
     // The first loop still waits in its accept; the context's end destroys its server.

@@ -57,7 +57,7 @@ TEST(HdcRetries, AServerIsCreatedOnTheFortySecondCallAtTheLatest)
     ASSERT_EQ(host_hdc_fail_next("drvHdcServerCreate", 41, 7), 0);
     EXPECT_NE(ctx.open(DM_HDC_ROLE_SERVER, 50, 0, &ret), nullptr);
     EXPECT_EQ(take_waits(), std::vector<uint64_t>(41, 3000));
-    EXPECT_TRUE(wait_for([] { return threads_named(kAcceptThread) == 1; }));
+    EXPECT_TRUE(wait_until([] { return threads_named(kAcceptThread) == 1; }, 10s));
 }
 
 TEST(HdcRetries, AClientConnectsOnTheFortyFirstCallAtTheLatest)

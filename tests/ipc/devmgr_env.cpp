@@ -38,13 +38,4 @@ bool wait_readable(int fd, int timeout_ms)
     return poll(&pfd, 1, timeout_ms) == 1;
 }
 
-int open_fd_count()
-{
-    int n = 0;
-    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        ++n;
-    }
-    return n;
-}
-
 } // namespace velmar::test

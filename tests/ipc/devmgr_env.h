@@ -7,14 +7,13 @@
 
 #include <string>
 
+#include "support/waiting.h"
+
 namespace velmar::test {
 
 const std::string &devmgr_dir();
 
 // True when `fd` becomes readable within `timeout_ms`.
 bool wait_readable(int fd, int timeout_ms);
-
-// Number of open descriptors of this process.
-int open_fd_count();
 
 } // namespace velmar::test

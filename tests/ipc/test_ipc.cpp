@@ -80,7 +80,7 @@ protected:
     void SetUp() override
     {
         host_devmgr_fail_clear();
-        fds_before_ = open_fd_count();
+        fds_before_ = open_fds();
         ASSERT_EQ(dm_init(&cb_), 0);
         Handler *self = &handler_;
         ASSERT_EQ(dm_cmd_register(cb_, Handler::handle, nullptr, &self, sizeof(self)), 0);
@@ -92,7 +92,7 @@ protected:
         host_devmgr_fail_clear();
         dm_destroy(cb_);
         host_devmgr_device_close(dev_);
-        EXPECT_EQ(open_fd_count(), fds_before_) << "a descriptor leaked";
+        EXPECT_EQ(open_fds(), fds_before_) << "a descriptor leaked";
     }
     DM_INTF_ST *make(uint32_t dev_id = kDev)
     {
