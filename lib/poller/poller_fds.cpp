@@ -42,9 +42,13 @@ extern "C" int poller_fd_add(POLLER_ST *poller, int fd, int16_t events, POLLER_F
         return ret;
     }
     if (user_data != nullptr && len >= 1) {
-        ret = copy_user_data(
-            &entry->user_data, user_data, len, [] { DM_LOG_ERR("memset_s fail!\n"); },
-            [] { DM_LOG_ERR("memmove_s error\n"); });
+        CopyFailure failed = CopyFailure::kNone;
+        ret = copy_user_data(&entry->user_data, user_data, len, &failed);
+        if (failed == CopyFailure::kZero) {
+            DM_LOG_ERR("memset_s fail!\n");
+        } else if (failed == CopyFailure::kMove) {
+            DM_LOG_ERR("memmove_s error\n");
+        }
         if (ret != 0) {
             free(entry);
             return ret;

@@ -142,29 +142,31 @@ inline void remove_or_mark(POLLER_ST *poller, LIST_ST *list, LIST_NODE_ST *node,
     }
 }
 
+// Which step of copy_user_data failed, so that the caller can write its own log line:
+// a log line names the function it is written from, so it must stay in the caller.
+enum class CopyFailure { kNone, kZero, kMove };
+
 // Copies `len` bytes of the caller's data into a fresh buffer. Returns 0 with the copy in
-// *out, 12 when memory cannot be had, or the failing memset_s / memmove_s code after the
-// matching reporter ran (each file logs its own text through its own limiter). Nothing is
-// left allocated on failure.
-template <typename OnZeroFail, typename OnMoveFail>
-int copy_user_data(void **out, const void *src, int32_t len, OnZeroFail on_zero_fail,
-                   OnMoveFail on_move_fail)
+// *out, 12 when memory cannot be had, or the failing memset_s / memmove_s code with
+// *failed saying which. Nothing is left allocated on failure.
+inline int copy_user_data(void **out, const void *src, int32_t len, CopyFailure *failed)
 {
     const size_t size = static_cast<size_t>(len);
+    *failed = CopyFailure::kNone;
     void *copy = malloc(size);
     if (copy == nullptr) {
         return 12;
     }
     int ret = memset_s(copy, size, 0, size);
     if (ret != 0) {
-        on_zero_fail();
+        *failed = CopyFailure::kZero;
         free(copy);
         return ret;
     }
     ret = memmove_s(copy, size, src, size);
     if (ret != 0) {
+        *failed = CopyFailure::kMove;
         free(copy);
-        on_move_fail();
         return ret;
     }
     *out = copy;

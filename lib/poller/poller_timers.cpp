@@ -42,9 +42,13 @@ extern "C" int poller_timer_add(POLLER_ST *poller, uint32_t interval_ms, POLLER_
         return ret;
     }
     if (user_data != nullptr) {
-        ret = copy_user_data(
-            &entry->user_data, user_data, len, [] { DM_LOG_ERR("entry->user_data fail!\n"); },
-            [] { DM_LOG_ERR("memmove_s error\n"); });
+        CopyFailure failed = CopyFailure::kNone;
+        ret = copy_user_data(&entry->user_data, user_data, len, &failed);
+        if (failed == CopyFailure::kZero) {
+            DM_LOG_ERR("entry->user_data fail!\n");
+        } else if (failed == CopyFailure::kMove) {
+            DM_LOG_ERR("memmove_s error\n");
+        }
         if (ret != 0) {
             free(entry);
             return ret;
