@@ -39,6 +39,15 @@ uint32_t on_other_thread(const std::function<uint32_t()> &body)
     return result;
 }
 
+// The record holds `count` units, with no one waiting or listed.
+void expect_settled(THREAD_TIMED_MUTEX_ST *m, int32_t count)
+{
+    const LockState state = snapshot(m);
+    EXPECT_EQ(state.count, count);
+    EXPECT_EQ(state.wait_num, 0);
+    EXPECT_TRUE(state.waiters.empty());
+}
+
 bool wait_for_waiters(THREAD_TIMED_MUTEX_ST *m, int32_t n)
 {
     return wait_until([&] { return snapshot(m).wait_num == n; }, 10s);
@@ -93,10 +102,7 @@ TEST(BinarySemaphore, SecondInfiniteTakeByTheHolderReportsDeadLock)
     const std::string expected =
         "ERROR: thread " + std::to_string(static_cast<uint32_t>(self_id())) + " DEAD LOCK by dlck.";
     EXPECT_TRUE(log.contains(expected)) << log.dump();
-    const LockState state = snapshot(sem.get());
-    EXPECT_EQ(state.count, 0);
-    EXPECT_EQ(state.wait_num, 0);
-    EXPECT_TRUE(state.waiters.empty());
+    expect_settled(sem.get(), 0);
 }
 
 TEST(BinarySemaphore, SecondTimedTakeByTheHolderTimesOutAndGivesTheUnitBack)
@@ -108,10 +114,7 @@ TEST(BinarySemaphore, SecondTimedTakeByTheHolderTimesOutAndGivesTheUnitBack)
     EXPECT_EQ(second, kTimeout);
     EXPECT_GE(took, 70);
     EXPECT_LT(took, 3000);
-    const LockState state = snapshot(sem.get());
-    EXPECT_EQ(state.count, 0);
-    EXPECT_EQ(state.wait_num, 0);
-    EXPECT_TRUE(state.waiters.empty());
+    expect_settled(sem.get(), 0);
     // Extra unlocks never raise the count above one.
     EXPECT_EQ(thread_timed_mutex_unlock(sem.get()), 0U);
     EXPECT_EQ(thread_timed_mutex_unlock(sem.get()), 0U);
@@ -205,10 +208,7 @@ TEST(CountingSemaphore, ConcurrentHoldersNeverExceedTheUnitCount)
     }
     EXPECT_EQ(failures.load(), 0);
     EXPECT_LE(most.load(), kUnits);
-    const LockState end = snapshot(sem.get());
-    EXPECT_EQ(end.count, kUnits);
-    EXPECT_EQ(end.wait_num, 0);
-    EXPECT_TRUE(end.waiters.empty());
+    expect_settled(sem.get(), kUnits);
 }
 
 TEST(TimedWait, TimedOutWaitersLeaveNoTrace)
@@ -228,10 +228,7 @@ TEST(TimedWait, TimedOutWaitersLeaveNoTrace)
         waiter.join();
     }
     EXPECT_EQ(timeouts.load(), 3);
-    const LockState state = snapshot(sem.get());
-    EXPECT_EQ(state.count, 0);
-    EXPECT_EQ(state.wait_num, 0);
-    EXPECT_TRUE(state.waiters.empty());
+    expect_settled(sem.get(), 0);
     EXPECT_EQ(thread_timed_mutex_unlock(sem.get()), 0U);
     EXPECT_EQ(thread_timed_mutex_trylock(sem.get(), 0), 0U);
 }
