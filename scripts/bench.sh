@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Runs every benchmark program of a build folder, one after the other.
 set -euo pipefail
+# Pollers started and stopped by the benchmarks would otherwise print their specified
+# stop warning hundreds of times between the results.
+export VELMAR_LOG_LEVEL=${VELMAR_LOG_LEVEL:-error}
 build=${1:-build/release}
 found=0
 for bench in "$build"/bench/bench_*; do
