@@ -1,6 +1,7 @@
 // Insertion at the ends, by position and in order, and concatenation of two lists.
 #include <cstdlib>
 
+#include "list/list_nodes.h"
 #include "list/list_records.h"
 
 using namespace velmar::list;
@@ -12,7 +13,7 @@ constexpr int kInvalid = 22;
 // Makes a node for `item` (before locking: allocation never happens under the lock),
 // then links it before the node that `place` picks under the lock, and counts it.
 template <typename PickNext>
-int insert_with(LIST_ST *list, void *item, PickNext place)
+int insert_with(LIST_ST *list, void *item, PickNext place, LIST_NODE_ST **made = nullptr)
 {
     if (list == nullptr || item == nullptr) {
         return kInvalid;
@@ -26,6 +27,9 @@ int insert_with(LIST_ST *list, void *item, PickNext place)
     LIST_NODE_ST *next = place();
     link_between(node, load_prev(next), next);
     add_count(list, 1);
+    if (made != nullptr) {
+        *made = node;
+    }
     return 0;
 }
 
@@ -46,16 +50,20 @@ LIST_NODE_ST *node_at(LIST_ST *list, int32_t pos)
 // that will follow the new item. Stopping at the first node that does not sort after the
 // new one puts a new item behind all its equals, so ties stay first in, first out.
 template <typename KeepWalking>
-int insert_ordered(LIST_ST *list, void *item, LIST_COMPARE_FN compare, KeepWalking keep_walking)
+int insert_ordered(LIST_ST *list, void *item, LIST_COMPARE_FN compare, KeepWalking keep_walking,
+                   LIST_NODE_ST **made = nullptr)
 {
-    return insert_with(list, item, [list, item, compare, keep_walking]() {
+    return insert_with(
+        list, item,
+        [list, item, compare, keep_walking]() {
         LIST_COMPARE_FN cmp = compare != nullptr ? compare : list->compare;
         LIST_NODE_ST *node = load_prev(&list->head);
         while (node != &list->head && keep_walking(cmp(node->item, item))) {
             node = load_prev(node);
         }
         return load_next(node);
-    });
+        },
+        made);
 }
 
 // Two adjacent nodes of a destination list, between which a chain is spliced.
@@ -111,6 +119,20 @@ int list_insert_ascend(LIST_ST *list, void *item, LIST_COMPARE_FN compare)
 {
     return insert_ordered(list, item, compare, [](int32_t order) { return order > 0; });
 }
+
+namespace velmar::list {
+
+int append_node(LIST_ST *list, void *item, LIST_NODE_ST **node)
+{
+    return insert_with(list, item, [list]() { return &list->head; }, node);
+}
+
+int insert_ascend_node(LIST_ST *list, void *item, LIST_COMPARE_FN compare, LIST_NODE_ST **node)
+{
+    return insert_ordered(list, item, compare, [](int32_t order) { return order > 0; }, node);
+}
+
+} // namespace velmar::list
 
 int list_insert_descend(LIST_ST *list, void *item, LIST_COMPARE_FN compare)
 {

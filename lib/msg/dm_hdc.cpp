@@ -71,7 +71,6 @@ void __dm_hdc_close_fd(int fd)
 // and session threads of a numbered interface may still hold the handle and the pipe.
 int32_t __dm_hdc_close(DM_INTF_ST *intf)
 {
-    note_intf_closed(intf);
     std::atomic_ref<int>(g_dm_hdc_run).store(0);
     if (strncmp(intf->name, kReleasingName, DM_INTF_NAME_LEN) != 0) {
         return 0;

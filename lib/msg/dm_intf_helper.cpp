@@ -3,24 +3,17 @@
 
 #include <atomic>
 
+#include "msg/dm_msg_internal.h"
+
 namespace velmar::msg {
-
-namespace {
-
-// The record whose close slot ran last on this thread; only compared, never read.
-thread_local const DM_INTF_ST *t_closed_intf = nullptr;
-
-} // namespace
-
-void note_intf_closed(const DM_INTF_ST *intf) { t_closed_intf = intf; }
 
 int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
 {
-    t_closed_intf = nullptr;
-    const int ret = dm_intf_register(dm_cb, intf);
-    *released = ret != 0 && t_closed_intf == intf;
-    t_closed_intf = nullptr;
-    return ret;
+    if (dm_cb == nullptr || intf == nullptr) {
+        *released = false;
+        return dm_intf_register(dm_cb, intf); // logs and refuses
+    }
+    return intf_register(dm_cb, intf, released);
 }
 
 int32_t intf_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)

@@ -11,13 +11,9 @@ namespace velmar::msg {
 // dm_intf_register can refuse a record in two ways that leave it in different hands. A
 // refusal by the interface list leaves it with the transport, which must close and free
 // it. A refusal by the poller comes after the record was listed, and taking it out of
-// the list again has already run its close slot and released it (the list's free
-// callback runs on the registering thread). Either way the record is no longer listed,
-// so only the close slot can tell: each transport's close slot calls note_intf_closed.
-void note_intf_closed(const DM_INTF_ST *intf);
-
-// dm_intf_register(dm_cb, intf). On a refusal (non-zero result) `*released` says whether
-// the registry has already closed and released `intf`: then it must not be touched again.
+// the list again closes and releases it through the list's free callback (at once, or
+// later on whichever thread lets go of the node last). On a refusal (non-zero result)
+// `*released` says which: when true the record must not be touched again.
 int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released);
 
 // The set_retry and get_retry slots. The fields are plain members of the public record

@@ -73,7 +73,6 @@ int32_t __dm_ipc_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
 // is still the one its address gives.
 int32_t __dm_ipc_close(DM_INTF_ST *intf)
 {
-    note_intf_closed(intf);
     char name[DM_INTF_NAME_LEN] = {0};
     if (dm_ipc_get_intf_name(static_cast<int>(own_dev_id(intf)), name, sizeof(name)) != 0) {
         return 0;

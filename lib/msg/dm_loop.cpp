@@ -3,25 +3,24 @@
 //
 // Frames are never split. A frame may be up to 4156 bytes, more than a pipe writes
 // atomically, and a frame written in part would desynchronise every later read (the
-// receive reads a 60-byte header and then exactly data_len bytes). Waiting for room is
-// no answer either: the poller thread is the pipe's only reader, and it writes into the
-// pipe itself (every request time-out is answered through here), so it would wait for
-// itself. Instead:
-//   - the pipe is made large (1 MiB where the system allows it);
-//   - the interface counts the pipe pages its unread frames can occupy and writes a frame
-//     only when the pipe surely has room for all of it;
-//   - a frame that does not fit now waits in an in-memory queue, oldest first, and the
-//     receive side moves queued frames into the pipe as it drains it. New frames queue
-//     behind waiting ones, so frames keep their order.
-// Sends therefore never block and never lose or split a frame; what remains is memory:
-// the queue grows while the poller thread falls behind (each waiting frame holds its
-// 4156-byte buffer). Only a pipe too small for one frame when empty (a system that grants
-// a single page) would still be written in part, as it was before.
+// receive reads a 60-byte header and then exactly data_len bytes). So the pipe is made
+// large (1 MiB where the system allows it), the interface counts the pipe pages its
+// unread frames can occupy, and it writes a frame only when the pipe surely has room for
+// all of it.
+//
+// A caller's frame that does not fit now fails with EAGAIN, like the write would: the
+// sender learns that it is ahead of the poller thread, and memory stays bounded. The
+// framework's own time-out responses are different: they stand for an answer that a
+// caller is waiting for, and the poller thread cannot wait for room in a pipe that only
+// it drains. They wait in an in-memory queue instead, oldest first (at most one per
+// pending request), and the receive side moves them into the pipe as it drains it. While
+// any wait, callers' frames are refused too, so that nothing overtakes them.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -54,12 +53,19 @@ constexpr int kWantedPipeBytes = 1 << 20;
 constexpr uint32_t kDefaultPipePages = 16;
 constexpr int32_t kDefaultTimeoutMs = 100;
 
-// A frame buffer that can wait in the interface's queue.
+// A frame buffer that can wait in the interface's queue. Allocated with room for just
+// its own payload when it is queued.
 struct QueuedFrame {
     QueuedFrame *next;
     uint32_t len; // bytes of `frame` to write: header plus payload
     SELF_MSG_ST frame;
 };
+constexpr size_t kQueuedHeader = offsetof(QueuedFrame, frame) + kHeaderLen;
+
+// Marks, in the frame's reserved field, a time-out response made by the framework
+// itself: the receive accepts it also when it is empty, so that such a request is still
+// called back. Callers' frames keep the field zero.
+constexpr uint16_t kTimeoutRspMark = 0x5a54;
 
 // The interface record as selfloop_init allocates it; the public record comes first, so
 // the DM_INTF_ST pointer the framework holds is also this record's address.
@@ -93,17 +99,13 @@ bool __selfloop_has_room(Selfloop *s, uint32_t len)
     return s->pages_in_pipe == 0;
 }
 
-// Writes a whole frame; 0, EAGAIN when the pipe turned out full, or another errno.
-int __selfloop_write(Selfloop *s, const QueuedFrame *qf)
+// Writes a whole frame; 0 or the write's errno (EAGAIN when the pipe turned out full).
+int __selfloop_write(Selfloop *s, const SELF_MSG_ST *frame, uint32_t len)
 {
-    if (mmWriteFile(s->intf.wfd, &qf->frame, qf->len) == -1) {
-        int err = errno;
-        if (err != EAGAIN) {
-            DM_LOG_ERR("__selfloop_send: write fail.errno=%d\n", err);
-        }
-        return err;
+    if (mmWriteFile(s->intf.wfd, const_cast<SELF_MSG_ST *>(frame), len) == -1) {
+        return errno;
     }
-    s->pages_in_pipe += pages_for(s, qf->len);
+    s->pages_in_pipe += pages_for(s, len);
     return 0;
 }
 
@@ -118,13 +120,26 @@ void __selfloop_enqueue(Selfloop *s, QueuedFrame *qf)
     s->tail = qf;
 }
 
+// A frame of at most PIPE_BUF bytes is written whole or refused by the kernel itself
+// (EAGAIN). Only a longer one (a payload over 4036 bytes) can be written in part, so only
+// such a frame waits for the page count to promise room; the count is an upper bound, so
+// it may refuse one that would have fitted while many small frames are unread.
+bool __selfloop_fits(Selfloop *s, uint32_t len)
+{
+    return len <= PIPE_BUF || __selfloop_has_room(s, len);
+}
+
 // Moves waiting frames into the pipe while it has room. Caller holds the lock.
 void __selfloop_flush(Selfloop *s)
 {
-    while (s->head != nullptr && __selfloop_has_room(s, s->head->len)) {
+    while (s->head != nullptr && __selfloop_fits(s, s->head->len)) {
         QueuedFrame *qf = s->head;
-        if (__selfloop_write(s, qf) == EAGAIN) {
+        const int err = __selfloop_write(s, &qf->frame, qf->len);
+        if (err == EAGAIN) {
             return; // still full: the next receive tries again
+        }
+        if (err != 0) {
+            DM_LOG_ERR("__selfloop_send: write fail.errno=%d\n", err);
         }
         // Written, or failed for good (logged): either way it leaves the queue.
         s->head = qf->next;
@@ -152,50 +167,59 @@ void __selfloop_drop_queue(Selfloop *s)
     s->tail = nullptr;
 }
 
-int32_t __selfloop_send(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, uint32_t addr_len,
-                        DM_DATA_ST *data, uint64_t req_id)
+// Fills the frame's header and payload. 0, 22 for a payload over 4096 bytes, or the
+// failing memcpy_s status (an empty payload is still copied, so a null pointer fails).
+int __selfloop_fill_frame(SELF_MSG_ST *frame, uint32_t type, const DM_ADDR_ST *addr,
+                          uint32_t addr_len, const DM_DATA_ST *data, uint64_t req_id)
 {
-    auto *qf = static_cast<QueuedFrame *>(malloc(sizeof(QueuedFrame)));
-    if (qf == nullptr) {
-        DM_CHECK_FAILED("(req != ((void *)0))");
-        return -12;
-    }
-    if (memset_s(qf, sizeof(QueuedFrame), 0, sizeof(QueuedFrame)) != 0) {
-        DM_LOG_ERR("__selfloop_send: memset_s fail.errno=%d\n", errno);
-        free(qf);
-        return -22;
-    }
-    SELF_MSG_ST *frame = &qf->frame;
     frame->addr = *addr;
     frame->addr_len = addr_len;
     frame->req_id = req_id;
     frame->type = type;
     if (data->data_len > DM_MAX_DATA_LEN) {
         DM_LOG_ERR("__selfloop_send: msg->data_len too long.msg->data_len=%d\n", data->data_len);
-        free(qf);
         return 22;
     }
     frame->data_len = data->data_len;
-    if (data->data_len != 0) {
-        int ret = memcpy_s(frame->data, DM_MAX_DATA_LEN, data->data, data->data_len);
-        if (ret != 0) {
-            DM_LOG_ERR("memcpy_s error\n");
-            free(qf);
-            return ret;
-        }
+    int ret = memcpy_s(frame->data, DM_MAX_DATA_LEN, data->data, data->data_len);
+    if (ret != 0) {
+        DM_LOG_ERR("memcpy_s error\n");
     }
-    qf->len = kHeaderLen + data->data_len;
-    Selfloop *s = selfloop_of(intf);
+    return ret;
+}
+
+// Writes a caller's frame now or refuses it with EAGAIN; it never waits in memory.
+int __selfloop_put(Selfloop *s, const SELF_MSG_ST *frame, uint32_t len)
+{
     std::lock_guard<std::mutex> guard(s->lock);
-    if (s->head == nullptr && __selfloop_has_room(s, qf->len)) {
-        int ret = __selfloop_write(s, qf);
-        if (ret != EAGAIN) {
-            free(qf);
-            return ret;
-        }
+    const int err = (s->head == nullptr && __selfloop_fits(s, len))
+                        ? __selfloop_write(s, frame, len)
+                        : EAGAIN;
+    if (err != 0) {
+        DM_LOG_ERR("__selfloop_send: write fail.errno=%d\n", err);
     }
-    __selfloop_enqueue(s, qf); // the queue owns it now
-    return 0;
+    return err;
+}
+
+int32_t __selfloop_send(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, uint32_t addr_len,
+                        DM_DATA_ST *data, uint64_t req_id)
+{
+    auto *frame = static_cast<SELF_MSG_ST *>(malloc(kFrameMax));
+    if (frame == nullptr) {
+        DM_CHECK_FAILED("(req != ((void *)0))");
+        return -12;
+    }
+    if (memset_s(frame, kFrameMax, 0, kFrameMax) != 0) {
+        DM_LOG_ERR("__selfloop_send: memset_s fail.errno=%d\n", errno);
+        free(frame);
+        return -22;
+    }
+    int ret = __selfloop_fill_frame(frame, type, addr, addr_len, data, req_id);
+    if (ret == 0) {
+        ret = __selfloop_put(selfloop_of(intf), frame, kHeaderLen + frame->data_len);
+    }
+    free(frame);
+    return ret;
 }
 
 int32_t __selfloop_send_ex(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, uint32_t addr_len,
@@ -215,12 +239,13 @@ int __selfloop_read_frame(Selfloop *s, int fd, SELF_MSG_ST *tmp)
         DM_LOG_ERR("errno=%d\n", errno);
         return -1;
     }
-    if (tmp->data_len == 0 || tmp->data_len > DM_MAX_DATA_LEN) {
+    const bool empty_allowed = tmp->reserved == kTimeoutRspMark;
+    if ((tmp->data_len == 0 && !empty_allowed) || tmp->data_len > DM_MAX_DATA_LEN) {
         __selfloop_consumed(s, kHeaderLen);
         DM_LOG_ERR("%s%d\r\n", "__selfloop_recv: msg->data_len too long=", tmp->data_len);
         return -1;
     }
-    ret = mmReadFile(fd, tmp->data, tmp->data_len);
+    ret = tmp->data_len != 0 ? mmReadFile(fd, tmp->data, tmp->data_len) : 0;
     __selfloop_consumed(s, kHeaderLen + tmp->data_len);
     if (ret != static_cast<ssize_t>(tmp->data_len)) {
         DM_CHECK_FAILED("tmp->data_len == ret");
@@ -293,7 +318,6 @@ void __selfloop_close_fd(int fd)
 int32_t __selfloop_close(DM_INTF_ST *intf)
 {
     Selfloop *s = selfloop_of(intf);
-    note_intf_closed(intf);
     __selfloop_drop_queue(s);
     s->lock.~mutex();
     // Only the context's own self-loop gives its pipe back; keep it that way.
@@ -488,3 +512,48 @@ extern "C" int selfloop_init(DM_INTF_ST **out, DM_CB_ST *dm_cb, DM_ADDR_ST *addr
     }
     return ret;
 }
+
+namespace velmar::msg {
+
+int selfloop_send_timeout_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len,
+                              DM_DATA_ST *data, uint64_t req_id)
+{
+    // Recognised by its close slot, which nobody wraps (tools wrap send and receive).
+    if (intf->close != __selfloop_close) {
+        return -1;
+    }
+    // A time-out handler may hand back more than a frame carries, or no bytes at all:
+    // the caller is still called back, with what fits.
+    const uint16_t len = data->data_len > DM_MAX_DATA_LEN ? DM_MAX_DATA_LEN : data->data_len;
+    auto *qf = static_cast<QueuedFrame *>(malloc(kQueuedHeader + len));
+    if (qf == nullptr) {
+        DM_CHECK_FAILED("(req != ((void *)0))");
+        return -12;
+    }
+    const int ret = memset_s(qf, kQueuedHeader, 0, kQueuedHeader);
+    if (ret != 0) {
+        DM_LOG_ERR("__selfloop_send: memset_s fail.errno=%d\n", ret);
+        free(qf);
+        return ret;
+    }
+    qf->len = kHeaderLen + len;
+    SELF_MSG_ST *frame = &qf->frame;
+    frame->addr = *addr;
+    frame->addr_len = addr_len;
+    frame->req_id = req_id;
+    frame->type = DM_MSG_RSP;
+    frame->reserved = kTimeoutRspMark;
+    frame->data_len = len;
+    if (len != 0 && (data->data == nullptr || memcpy_s(frame->data, len, data->data, len) != 0)) {
+        DM_LOG_ERR("memcpy_s error\n");
+        frame->data_len = 0;
+        qf->len = kHeaderLen;
+    }
+    Selfloop *s = selfloop_of(intf);
+    std::lock_guard<std::mutex> guard(s->lock);
+    __selfloop_enqueue(s, qf); // the queue owns it now
+    __selfloop_flush(s);
+    return 0;
+}
+
+} // namespace velmar::msg

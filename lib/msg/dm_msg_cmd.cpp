@@ -104,9 +104,15 @@ void __dm_cmd_handle(DM_INTF_ST *intf, DM_MSG_ST *msg)
         return;
     }
     // No registration: the default handler answers on the interface the request came
-    // in on. It is called untested; services register before requests can arrive.
+    // in on. A context with neither (a client-only daemon) drops the request: one
+    // datagram from anywhere must not be able to make us call a null pointer.
+    DM_DEFAULT_HNDL_FN default_hndl = load_default_hndl(cb);
+    if (default_hndl == nullptr) {
+        DM_LOG_WARN("no handler for a request on interface [%s], dropped\n", intf->name);
+        return;
+    }
     DM_DATA_ST response = msg->data;
-    load_default_hndl(cb)(&msg->data, &response);
+    default_hndl(&msg->data, &response);
     (void)dm_send_rsp(intf, msg->addr, msg->addr_len, &response, msg->req_id);
 }
 

@@ -1,11 +1,13 @@
 // What the parts of the message framework share and nothing outside lib/msg needs: the
 // hidden half of the context, the pending-request and command records, the list
 // callbacks and the dispatch entry points. The transports see none of it except
-// kSelfloopName.
+// kSelfloopName and the registration rule.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <unordered_map>
 
 #include "dm_msg.h"
 
@@ -17,6 +19,16 @@ inline constexpr int kSelfloopNameSize = sizeof(kSelfloopName); // with its term
 // Names are compared over the whole 32-byte buffer everywhere.
 bool same_name(const char *a, const char *b);
 
+struct PendingReq;
+
+// The context's live requests by identity. The lock guards the map and the two flags of
+// each record (busy, orphaned), and is never held while user code or a transport's slot
+// runs: a sender on one thread must never wait for a re-send in progress on another.
+struct RequestTable {
+    std::mutex mutex;
+    std::unordered_map<uint64_t, PendingReq *> live;
+};
+
 // The context as dm_init allocates it: the public record first, so that the DM_CB_ST
 // pointer that callers hold is also the address of this one. Only dm_init makes
 // contexts, so the cast in context_of is always valid.
@@ -27,6 +39,7 @@ struct Context {
     uint32_t closing;
     // Framework callbacks running on the poller thread right now; dm_destroy waits for 0.
     uint32_t in_flight;
+    RequestTable requests; // constructed in place by dm_init, destroyed by dm_destroy
 };
 
 inline Context *context_of(DM_CB_ST *cb) { return reinterpret_cast<Context *>(cb); }
@@ -36,10 +49,11 @@ inline Context *context_of(DM_CB_ST *cb) { return reinterpret_cast<Context *>(cb
 // before it waits for `in_flight` to drop to 0, never misses a callback.
 class CallbackScope {
 public:
-    explicit CallbackScope(DM_CB_ST *cb) : ctx_(context_of(cb))
+    explicit CallbackScope(Context *ctx) : ctx_(ctx)
     {
         std::atomic_ref<uint32_t>(ctx_->in_flight).fetch_add(1);
     }
+    explicit CallbackScope(DM_CB_ST *cb) : CallbackScope(context_of(cb)) {}
     ~CallbackScope() { std::atomic_ref<uint32_t>(ctx_->in_flight).fetch_sub(1); }
     CallbackScope(const CallbackScope &) = delete;
     CallbackScope &operator=(const CallbackScope &) = delete;
@@ -50,20 +64,32 @@ private:
     Context *ctx_;
 };
 
-// A request waiting for its answer; the item type of pending_list. Its address is its
-// identity (req_id). `retry_left` and `timer` change after publication and are touched
-// only under the request lock (dm_msg_req.cpp).
+// A request waiting for its answer; the item type of pending_list, which owns it. It is
+// one allocation: this record, then the request's payload, then the copy of the
+// caller's user data, so that a pending request costs its payload and not a fixed 4 KiB.
+//
+// Its identity `id` (the req_id on the wire) is a 64-bit serial that only moves forward
+// and is never reused while the process lives. A heap address would be the record's
+// natural handle, but the allocator hands it to the next request as soon as this one
+// ends, and late, duplicate or replayed answers are normal on a network: they would then
+// complete a stranger's request with the wrong payload.
 struct PendingReq {
     DM_INTF_ST *intf;
     DM_ADDR_ST addr;
     uint32_t addr_len;
-    DM_DATA_ST data; // points at buf
-    uint8_t buf[DM_MAX_DATA_LEN];
+    DM_DATA_ST data; // points at the payload that follows the record
     DM_RSP_CB_FN rsp_cb;
-    void *user_data; // own copy, or null
+    void *user_data; // own copy (in the same allocation), or null
     uint32_t user_data_len;
-    int32_t retry_left; // negative: no timer
-    void *timer;        // handle of the armed time-out timer, or null
+    int32_t retry_left; // negative: no timer. Poller thread only once published
+    void *timer;        // handle of the armed time-out timer, or null once it fired
+    uint64_t id;
+    LIST_NODE_ST *node; // its node in pending_list, for removal without a search
+    // Under the table lock: `busy` while the poller thread works on the record outside
+    // the lock (re-send, time-out); `orphaned` when a failed send gave it up meanwhile,
+    // so that the poller thread deletes it when done.
+    bool busy;
+    bool orphaned;
 };
 
 // A command registration; the item type of cmd_reg_list.
@@ -87,5 +113,17 @@ void __dm_rsp_handle(DM_INTF_ST *intf, DM_MSG_ST *msg);
 
 // Releases every pending request of a context whose poller has stopped.
 void destroy_pending_list(DM_CB_ST *cb);
+
+// dm_intf_register, telling how a refusal left the record: `*released` is false when the
+// interface list refused it (the caller still owns it) and true when the poller refused
+// it after it was listed (the list has closed and released it, now or on whichever
+// thread lets go of it last: the caller must not touch it again).
+int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released);
+
+// The self-loop's path for the framework's own time-out responses: never refused for a
+// full pipe (they wait in memory, at most one per pending request, in order) nor for
+// being empty. Returns -1 when `intf` is not a self-loop interface of this library.
+int selfloop_send_timeout_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len,
+                              DM_DATA_ST *data, uint64_t req_id);
 
 } // namespace velmar::msg

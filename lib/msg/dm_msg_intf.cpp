@@ -4,11 +4,13 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "common/dm_log.h"
 #include "dm_loop.h"
 #include "dm_msg.h"
 #include "msg/dm_msg_internal.h"
+#include "poller/poller_hooks.h"
 
 // The error-line limiter shared by every file of this unit.
 DM_LOG_DEFINE_UNIT()
@@ -58,6 +60,35 @@ using namespace velmar::msg;
 namespace {
 
 constexpr uint32_t kDestroyGraceMs = 100;
+
+int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len);
+
+} // namespace
+
+namespace velmar::msg {
+
+// The registration itself. Which step refused the record is known only here, so the
+// result says who owns it: the caller, or the list (which has closed and released it, on
+// whichever thread let go of it last).
+int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
+{
+    *released = false;
+    int ret = list_append(dm_cb->intf_list, intf);
+    if (ret != 0) {
+        return ret;
+    }
+    ret = poller_fd_add(dm_cb->poller, intf->fd, 1, __dm_recv, &intf, sizeof(intf));
+    if (ret != 0) {
+        // The list owns the record now: taking it out closes and releases it.
+        list_remove_by_tag(dm_cb->intf_list, intf, __dm_intf_cmp);
+        *released = true;
+    }
+    return ret;
+}
+
+} // namespace velmar::msg
+
+namespace {
 
 void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg)
 {
@@ -180,6 +211,24 @@ int __dm_build_context(DM_CB_ST *cb)
     return ret;
 }
 
+// Releases what the context owns once its poller thread is gone.
+void __dm_finish_destroy(void *arg)
+{
+    auto *ctx = static_cast<Context *>(arg);
+    DM_CB_ST *cb = &ctx->cb;
+    if (cb->pending_list != nullptr) {
+        destroy_pending_list(cb);
+    }
+    if (cb->intf_list != nullptr) {
+        list_destroy(cb->intf_list);
+    }
+    if (cb->cmd_reg_list != nullptr) {
+        list_destroy(cb->cmd_reg_list);
+    }
+    ctx->requests.~RequestTable();
+    free(ctx);
+}
+
 // The poller thread finishes the callback it is running before it leaves. The fixed
 // grace covers an ordinary pass; a callback that outlasts it is waited for, and the pass
 // it belonged to then gets the grace once more to reach its end (every later callback of
@@ -217,6 +266,7 @@ int dm_init(DM_CB_ST **dm_cb)
         DM_LOG_ERR("dm_init input dm_cb null.");
         return -22;
     }
+    *dm_cb = nullptr; // a caller that tests the handle must never see a stale one
     auto *ctx = static_cast<Context *>(malloc(sizeof(Context)));
     if (ctx == nullptr) {
         DM_LOG_ERR("dm_init malloc cb error.");
@@ -228,6 +278,7 @@ int dm_init(DM_CB_ST **dm_cb)
         free(ctx);
         return ret;
     }
+    new (&ctx->requests) RequestTable();
     *dm_cb = &ctx->cb;
     ret = __dm_build_context(&ctx->cb);
     if (ret != 0) {
@@ -244,20 +295,21 @@ void dm_destroy(DM_CB_ST *dm_cb)
     }
     Context *ctx = context_of(dm_cb);
     std::atomic_ref<uint32_t>(ctx->closing).store(1);
-    if (dm_cb->poller != nullptr) {
-        poller_destory(dm_cb->poller);
+    POLLER_ST *poller = dm_cb->poller;
+    if (poller != nullptr && velmar::poller::on_poll_thread(poller)) {
+        // Called from a handler or a callback of this very context: waiting for the
+        // callbacks to end would wait for ourselves, and the frames below us still use
+        // the lists. `closing` already stops every later callback; the poll thread
+        // releases the rest as the last thing it does, once this pass is over.
+        velmar::poller::set_exit_hook(poller, __dm_finish_destroy, ctx);
+        poller_destory(poller);
+        return;
+    }
+    if (poller != nullptr) {
+        poller_destory(poller);
     }
     __dm_wait_for_callbacks(ctx);
-    if (dm_cb->pending_list != nullptr) {
-        destroy_pending_list(dm_cb);
-    }
-    if (dm_cb->intf_list != nullptr) {
-        list_destroy(dm_cb->intf_list);
-    }
-    if (dm_cb->cmd_reg_list != nullptr) {
-        list_destroy(dm_cb->cmd_reg_list);
-    }
-    free(ctx);
+    __dm_finish_destroy(ctx);
 }
 
 int dm_intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
@@ -266,16 +318,8 @@ int dm_intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
         DM_LOG_ERR("dm_intf_register input cb or intf null.\n");
         return -22;
     }
-    int ret = list_append(dm_cb->intf_list, intf);
-    if (ret != 0) {
-        return ret;
-    }
-    ret = poller_fd_add(dm_cb->poller, intf->fd, 1, __dm_recv, &intf, sizeof(intf));
-    if (ret != 0) {
-        // The list owns the record now: taking it out closes and releases it.
-        list_remove_by_tag(dm_cb->intf_list, intf, __dm_intf_cmp);
-    }
-    return ret;
+    bool released = false;
+    return intf_register(dm_cb, intf, &released);
 }
 
 int dm_intf_deregister(DM_INTF_ST *intf)

@@ -1,46 +1,55 @@
 // Requests: pending records, their time-out timers and re-sends, the stand-in response of
 // a request that timed out, and the matching of responses by req_id.
 //
-// The request lock. A pending record is reached from two threads: the sender publishes it
-// (arms its timer, appends it) and deletes it again when its send fails, while the poller
-// thread re-sends it, re-arms its timer and answers it. The timer callback gets nothing
-// but the record's address, so it cannot tell a live record from a freed one without
-// help. Hence one process-wide recursive lock and a registry of live records: a record is
-// entered once it is fully published and leaves the registry when it is deleted or
-// claimed by its response, all under the lock; the timer callback takes the lock and
-// acts only on a record it finds in the registry. `retry_left` and `timer` are touched
-// only under the lock. It is recursive because handlers that run under it (an
-// interface's timeout_hndl, send_msg) may send requests themselves.
+// Who may act on a record. Each context keeps its live records in a table keyed by
+// identity (RequestTable). Whoever takes a record out of the table (an answer on the
+// poller thread, or the sender whose send failed) owns its deletion, so a record is
+// completed at most once. The poller thread's time-out work runs outside the table's
+// lock, with the record marked busy; a sender that gives the record up meanwhile only
+// marks it orphaned and the poller thread deletes it when done. The timer's user data is
+// the context and the identity, never the record's address: a timer that fires after its
+// record is gone finds nothing in the table and does nothing.
+#include <time.h>
+
+#include <atomic>
 #include <cstdlib>
-#include <mutex>
 #include <new>
-#include <unordered_set>
 
 #include "common/dm_log.h"
 #include "dm_msg.h"
+#include "list/list_nodes.h"
 #include "msg/dm_msg_internal.h"
 
 namespace velmar::msg {
 
 namespace {
 
-constexpr int32_t kRecordPointerLen = sizeof(PendingReq *);
+// The user data of a time-out timer.
+struct TimerKey {
+    Context *ctx;
+    uint64_t id;
+};
 
-std::recursive_mutex g_req_lock;
-std::unordered_set<const PendingReq *> g_live_reqs; // under g_req_lock
-
-using ReqGuard = std::lock_guard<std::recursive_mutex>;
-
-bool is_live(const PendingReq *req) { return g_live_reqs.count(req) != 0; }
-
-uint64_t req_id_of(const PendingReq *req) { return reinterpret_cast<uintptr_t>(req); }
-
-// Releases a record that never reached the list.
-void free_unlisted(PendingReq *req)
+// Identities are unique in the process. The first one is the wall clock in microseconds,
+// so that a restarted daemon does not reuse the identities of its previous run either
+// (unless that run made more than a million requests a second).
+uint64_t __dm_next_req_id()
 {
-    free(req->user_data);
-    free(req);
+    static std::atomic<uint64_t> next{[] {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const uint64_t us = static_cast<uint64_t>(now.tv_sec) * 1000000U +
+                            static_cast<uint64_t>(now.tv_nsec) / 1000U;
+        return us != 0 ? us : 1U;
+    }()};
+    return next.fetch_add(1, std::memory_order_relaxed);
 }
+
+// Room for at least one payload byte, so that an empty request still has a valid
+// destination for its (empty) copy.
+size_t payload_room(uint16_t len) { return len != 0 ? len : 1U; }
+
+uint8_t *payload_of(PendingReq *req) { return reinterpret_cast<uint8_t *>(req + 1); }
 
 } // namespace
 
@@ -55,170 +64,227 @@ int32_t __dm_pending_cmp(void *item, void *key)
     return reinterpret_cast<uintptr_t>(item) < reinterpret_cast<uintptr_t>(key) ? -1 : 1;
 }
 
-void __dm_pending_free(void *item)
-{
-    if (item != nullptr) {
-        free_unlisted(static_cast<PendingReq *>(item));
-    }
-}
+void __dm_pending_free(void *item) { free(item); }
 
 namespace {
 
 int __dm_timeout_handle(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
                         uint32_t user_data_len);
 
-// Copies the request data into the record's own buffer, cut to 4096 bytes.
-int __dm_pending_copy_data(PendingReq *req, const DM_DATA_ST *data)
+// Allocates and zeroes the record with room for the payload and the user data. 0, -12,
+// or the failing memset_s status (logged).
+int __dm_pending_alloc(const DM_DATA_ST *data, uint32_t user_data_len, const void *user_data,
+                       PendingReq **out)
 {
-    req->data = *data;
-    if (req->data.data_len > DM_MAX_DATA_LEN) {
-        req->data.data_len = DM_MAX_DATA_LEN;
-    }
-    req->data.data = req->buf;
-    // Nothing to copy from an empty request, whose data pointer may well be null.
-    if (req->data.data_len == 0) {
-        return 0;
-    }
-    int ret = memmove_s(req->buf, sizeof(req->buf), data->data, req->data.data_len);
-    if (ret != 0) {
-        DM_LOG_ERR("memmove_s error\n");
-    }
-    return ret;
-}
-
-int __dm_pending_copy_user_data(PendingReq *req, const void *user_data, uint32_t len)
-{
-    void *copy = malloc(len);
-    if (copy == nullptr) {
-        return -12;
-    }
-    int ret = memset_s(copy, len, 0, len);
-    if (ret != 0) {
-        DM_LOG_ERR("memset_s fail: %d\n", ret);
-        free(copy);
-        return ret;
-    }
-    ret = memmove_s(copy, len, user_data, len);
-    if (ret != 0) {
-        free(copy);
-        DM_LOG_ERR("memmove_s error\n");
-        return ret;
-    }
-    req->user_data = copy;
-    req->user_data_len = len;
-    return 0;
-}
-
-// Arms the time-out (unless the interface has none) and publishes the record. The
-// caller holds the request lock, so a timer that fires at once waits for the end. On
-// failure the record is in neither the registry, the timer list nor the pending list.
-int __dm_pending_publish(DM_CB_ST *cb, PendingReq *req)
-{
-    try {
-        g_live_reqs.insert(req);
-    } catch (const std::bad_alloc &) {
-        return -12;
-    }
-    DM_INTF_ST *intf = req->intf;
-    req->retry_left = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
-    uint32_t timeout_ms = std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
-    int ret = 0;
-    if (req->retry_left >= 0) {
-        ret = poller_timer_add(cb->poller, timeout_ms, __dm_timeout_handle, &req, kRecordPointerLen,
-                               &req->timer);
-    }
-    if (ret == 0) {
-        ret = list_append(cb->pending_list, req);
-        if (ret != 0 && req->retry_left >= 0) {
-            poller_timer_remove(cb->poller, &req->timer);
-        }
-    }
-    if (ret != 0) {
-        g_live_reqs.erase(req);
-    }
-    return ret;
-}
-
-// Caller holds the request lock. On success *out is the published record.
-int __dm_pending_req_add(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_ST *data,
-                         DM_RSP_CB_FN rsp_cb, void *user_data, uint32_t user_data_len,
-                         PendingReq **out)
-{
-    if (static_cast<int32_t>(user_data_len) <= 0 || intf->dm_cb == nullptr) {
-        return -12;
-    }
-    auto *req = static_cast<PendingReq *>(malloc(sizeof(PendingReq)));
+    const uint16_t len = data->data_len > DM_MAX_DATA_LEN ? DM_MAX_DATA_LEN : data->data_len;
+    const size_t user_len = user_data != nullptr ? user_data_len : 0U;
+    const size_t size = sizeof(PendingReq) + payload_room(len) + user_len;
+    auto *req = static_cast<PendingReq *>(malloc(size));
     if (req == nullptr) {
         return -12;
     }
-    int ret = memset_s(req, sizeof(PendingReq), 0, sizeof(PendingReq));
+    const int ret = memset_s(req, size, 0, size);
     if (ret != 0) {
         DM_LOG_ERR("memset_s fail: %d\n", ret);
         free(req);
         return ret;
     }
+    req->data.data_len = len;
+    req->data.data = payload_of(req);
+    if (user_len != 0) {
+        req->user_data = payload_of(req) + payload_room(len);
+    }
     *out = req;
+    return 0;
+}
+
+// Copies the request data (cut to 4096 bytes) and the user data into the record.
+int __dm_pending_copy(PendingReq *req, const DM_DATA_ST *data, const void *user_data,
+                      uint32_t user_data_len)
+{
+    // Always copied, also when empty: an empty request must still point at something.
+    int ret = memmove_s(req->data.data, payload_room(req->data.data_len), data->data,
+                        req->data.data_len);
+    if (ret != 0) {
+        DM_LOG_ERR("memmove_s error\n");
+        return ret;
+    }
+    if (req->user_data == nullptr) {
+        return 0;
+    }
+    ret = memmove_s(req->user_data, user_data_len, user_data, user_data_len);
+    if (ret != 0) {
+        DM_LOG_ERR("memmove_s error\n");
+        return ret;
+    }
+    req->user_data_len = user_data_len;
+    return 0;
+}
+
+// Lists the record, arms its time-out and makes it findable by identity. The timer may
+// fire at once on the poller thread: it waits for the table lock, held until the record
+// is in the table. On failure nothing of the record remains anywhere and it is released.
+int __dm_pending_publish(Context *ctx, PendingReq *req)
+{
+    DM_INTF_ST *intf = req->intf;
+    int ret = velmar::list::append_node(ctx->cb.pending_list, req, &req->node);
+    if (ret != 0) {
+        free(req);
+        return ret;
+    }
+    req->retry_left = std::atomic_ref<int32_t>(intf->retry_cnt).load(std::memory_order_relaxed);
+    const uint32_t timeout_ms =
+        std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
+    TimerKey key{ctx, req->id};
+    std::lock_guard<std::mutex> guard(ctx->requests.mutex);
+    if (req->retry_left >= 0) {
+        ret = poller_timer_add(ctx->cb.poller, timeout_ms, __dm_timeout_handle, &key, sizeof(key),
+                               &req->timer);
+    }
+    if (ret == 0) {
+        try {
+            ctx->requests.live.emplace(req->id, req);
+        } catch (const std::bad_alloc &) {
+            ret = -12;
+            if (req->timer != nullptr) {
+                poller_timer_remove(ctx->cb.poller, &req->timer);
+            }
+        }
+    }
+    if (ret != 0) {
+        list_remove(ctx->cb.pending_list, req->node); // releases the record
+    }
+    return ret;
+}
+
+int __dm_pending_req_add(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_ST *data,
+                         DM_RSP_CB_FN rsp_cb, void *user_data, uint32_t user_data_len,
+                         uint64_t *out_id)
+{
+    if (static_cast<int32_t>(user_data_len) <= 0 || intf->dm_cb == nullptr) {
+        return -12;
+    }
+    PendingReq *req = nullptr;
+    int ret = __dm_pending_alloc(data, user_data_len, user_data, &req);
+    if (ret != 0) {
+        return ret;
+    }
     req->intf = intf;
     req->addr = *addr;
     req->addr_len = addr_len;
     req->rsp_cb = rsp_cb;
-    ret = __dm_pending_copy_data(req, data);
-    if (ret == 0 && user_data != nullptr) {
-        ret = __dm_pending_copy_user_data(req, user_data, user_data_len);
-    }
-    if (ret == 0) {
-        ret = __dm_pending_publish(intf->dm_cb, req);
-    }
+    req->id = __dm_next_req_id();
+    ret = __dm_pending_copy(req, data, user_data, user_data_len);
     if (ret != 0) {
-        free_unlisted(req);
+        free(req);
         return ret;
     }
+    // Once published, the record may be answered and released on the poller thread at
+    // any moment: from here on only its identity is used.
+    const uint64_t id = req->id;
+    ret = __dm_pending_publish(context_of(intf->dm_cb), req);
+    if (ret != 0) {
+        return ret;
+    }
+    *out_id = id;
     DM_LOG_INFO("finish __dm_pending_req_add\n");
     return 0;
 }
 
-// Removes the record's timer and takes it out of the registry and the list, which
-// releases it (at once, or when the last iterator standing on it moves on). Caller holds
-// the request lock.
-void __dm_pending_req_del(DM_CB_ST *cb, PendingReq *req)
+// Removes the record's timer and releases it through the pending list. The caller has
+// taken it out of the table. Either it runs on the poller thread, or it holds the table
+// lock: a timer of the record that is firing meanwhile waits for that lock before its
+// entry can be released, so the handle is never stale here.
+void __dm_pending_req_del(Context *ctx, PendingReq *req)
 {
-    g_live_reqs.erase(req);
-    if (req->retry_left >= 0) {
-        poller_timer_remove(cb->poller, &req->timer);
+    if (req->retry_left >= 0 && req->timer != nullptr) {
+        poller_timer_remove(ctx->cb.poller, &req->timer);
     }
-    list_remove_by_tag(cb->pending_list, req, __dm_pending_cmp);
+    list_remove(ctx->cb.pending_list, req->node);
+}
+
+// Takes the record named `id` out of the table: the caller now owns its completion.
+PendingReq *__dm_claim(Context *ctx, uint64_t id)
+{
+    std::lock_guard<std::mutex> guard(ctx->requests.mutex);
+    auto found = ctx->requests.live.find(id);
+    if (found == ctx->requests.live.end()) {
+        return nullptr;
+    }
+    PendingReq *req = found->second;
+    ctx->requests.live.erase(found);
+    return req;
+}
+
+// Finds the record for its time-out work and marks it busy. Null when it is gone.
+PendingReq *__dm_checkout(Context *ctx, uint64_t id)
+{
+    std::lock_guard<std::mutex> guard(ctx->requests.mutex);
+    auto found = ctx->requests.live.find(id);
+    if (found == ctx->requests.live.end()) {
+        return nullptr;
+    }
+    PendingReq *req = found->second;
+    req->busy = true;
+    // The timer that is firing is released as soon as we return; a re-arm stores the
+    // handle of the next one.
+    req->timer = nullptr;
+    return req;
+}
+
+// Ends the time-out work; deletes the record if a failed send gave it up meanwhile.
+void __dm_checkin(Context *ctx, PendingReq *req)
+{
+    bool orphaned = false;
+    {
+        std::lock_guard<std::mutex> guard(ctx->requests.mutex);
+        req->busy = false;
+        orphaned = req->orphaned;
+    }
+    if (orphaned) {
+        __dm_pending_req_del(ctx, req);
+    }
 }
 
 // One more send of a request whose timer expired. Returns false when the re-send or the
 // re-arm failed, which ends the retries at once.
-bool __dm_resend(PendingReq *req, uint32_t period_ms)
+bool __dm_resend(Context *ctx, PendingReq *req, uint32_t period_ms)
 {
     DM_INTF_ST *intf = req->intf;
-    int ret = intf->send_msg(intf, DM_MSG_REQ, &req->addr, req->addr_len, &req->data,
-                             req_id_of(req));
+    int ret = intf->send_msg(intf, DM_MSG_REQ, &req->addr, req->addr_len, &req->data, req->id);
     if (ret == 0) {
         DM_LOG_INFO("process timeout, retry call intf->send_msg ret = %d\n", ret);
-        ret = poller_timer_add(intf->dm_cb->poller, period_ms, __dm_timeout_handle, &req,
-                               kRecordPointerLen, &req->timer);
+        TimerKey key{ctx, req->id};
+        ret = poller_timer_add(ctx->cb.poller, period_ms, __dm_timeout_handle, &key, sizeof(key),
+                               &req->timer);
     }
     return ret == 0;
 }
 
 // The retries are used up: the interface's timeout_hndl builds the stand-in response,
 // which reaches the caller through the self-loop like a real answer.
-void __dm_report_timeout(PendingReq *req)
+void __dm_report_timeout(Context *ctx, PendingReq *req)
 {
     DM_INTF_ST *intf = req->intf;
     DM_DATA_ST response = req->data;
-    intf->timeout_hndl(&req->data, &response);
+    // An interface without a time-out handler (the self-loop has none) answers with the
+    // request's own data: calling the missing handler would crash the daemon.
+    if (intf->timeout_hndl != nullptr) {
+        intf->timeout_hndl(&req->data, &response);
+    }
     DM_LOG_INFO("finish call intf->timeout_hndl\n");
     DM_INTF_ST *loop = same_name(intf->name, kSelfloopName)
                            ? intf
-                           : dm_get_intf(intf->dm_cb, kSelfloopName, kSelfloopNameSize);
+                           : dm_get_intf(&ctx->cb, kSelfloopName, kSelfloopNameSize);
     if (loop == nullptr) {
         return;
     }
-    (void)dm_send_rsp(loop, &req->addr, req->addr_len, &response, req_id_of(req));
+    // Our own self-loop never refuses this answer, not for a full pipe and not for being
+    // empty: a request that times out is always called back. Any other interface that
+    // took the name gets an ordinary response.
+    if (selfloop_send_timeout_rsp(loop, &req->addr, req->addr_len, &response, req->id) < 0) {
+        (void)dm_send_rsp(loop, &req->addr, req->addr_len, &response, req->id);
+    }
     DM_LOG_INFO("finish call dm_send_rsp\n");
 }
 
@@ -226,94 +292,89 @@ int __dm_timeout_handle(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
                         uint32_t user_data_len)
 {
     (void)elapsed_ms;
-    (void)user_data_len;
-    ReqGuard guard(g_req_lock);
-    PendingReq *req = user_data != nullptr ? *static_cast<PendingReq **>(user_data) : nullptr;
-    if (req != nullptr && !is_live(req)) {
-        return 0; // deleted while its timer was already firing
-    }
-    if (req == nullptr || req->intf == nullptr || req->intf->dm_cb == nullptr) {
+    if (user_data == nullptr || user_data_len != sizeof(TimerKey)) {
         DM_LOG_ERR("__dm_timeout_handle input user_data null!\n");
         return 0;
     }
-    CallbackScope scope(req->intf->dm_cb);
+    const TimerKey key = *static_cast<TimerKey *>(user_data);
+    CallbackScope scope(key.ctx);
     if (scope.closing()) {
         return 0;
     }
-    // The timer that is firing is released as soon as we return. Forget its handle now,
-    // so that deleting the record later can never remove a newer timer that happens to
-    // reuse the entry's address (handles are compared by value). A re-arm below stores
-    // the new handle.
-    req->timer = nullptr;
+    PendingReq *req = __dm_checkout(key.ctx, key.id);
+    if (req == nullptr) {
+        return 0; // answered or given up while its timer was already due
+    }
     if (req->retry_left > 0) {
         req->retry_left--;
-        if (!__dm_resend(req, period_ms)) {
+        if (!__dm_resend(key.ctx, req, period_ms)) {
             DM_LOG_INFO("finish call intf->send_msg");
             req->retry_left = 0;
         }
     }
     if (req->retry_left == 0) {
-        __dm_report_timeout(req);
+        __dm_report_timeout(key.ctx, req);
     }
+    __dm_checkin(key.ctx, req);
     return 0;
-}
-
-// Finds the record that `req_id` names and claims it: it leaves the registry, so no one
-// else acts on it, and `iter` stays on its node, which keeps it allocated until the
-// caller destroys the iterator. Null when nothing pending matches.
-PendingReq *__dm_claim_pending(DM_CB_ST *cb, uint64_t req_id, LIST_ITER_ST *iter)
-{
-    ReqGuard guard(g_req_lock);
-    list_iter_init(cb->pending_list, iter);
-    while (LIST_NODE_ST *node = list_iter_next(iter)) {
-        auto *req = static_cast<PendingReq *>(list_to_item(node));
-        if (req_id_of(req) == req_id) {
-            if (!is_live(req)) {
-                return nullptr;
-            }
-            g_live_reqs.erase(req);
-            return req;
-        }
-    }
-    return nullptr;
 }
 
 } // namespace
 
 void __dm_rsp_handle(DM_INTF_ST *intf, DM_MSG_ST *msg)
 {
-    // Late, duplicate and unknown answers are dropped without a word.
+    // Late, duplicate, replayed and unknown answers find nothing and are dropped.
     if (msg->req_id == 0) {
         return;
     }
-    DM_CB_ST *cb = intf->dm_cb;
-    LIST_ITER_ST iter{};
-    PendingReq *req = __dm_claim_pending(cb, msg->req_id, &iter);
-    if (req != nullptr) {
-        if (req->rsp_cb != nullptr) {
-            req->rsp_cb(intf, msg, req->user_data, req->user_data_len);
-        }
-        ReqGuard guard(g_req_lock);
-        __dm_pending_req_del(cb, req);
+    Context *ctx = context_of(intf->dm_cb);
+    PendingReq *req = __dm_claim(ctx, msg->req_id);
+    if (req == nullptr) {
+        return;
     }
-    list_iter_destroy(&iter);
+    if (req->rsp_cb != nullptr) {
+        req->rsp_cb(intf, msg, req->user_data, req->user_data_len);
+    }
+    __dm_pending_req_del(ctx, req);
 }
 
 void destroy_pending_list(DM_CB_ST *cb)
 {
-    ReqGuard guard(g_req_lock);
-    LIST_ITER_ST iter{};
-    list_iter_init(cb->pending_list, &iter);
-    while (LIST_NODE_ST *node = list_iter_next(&iter)) {
-        g_live_reqs.erase(static_cast<PendingReq *>(list_to_item(node)));
+    Context *ctx = context_of(cb);
+    {
+        std::lock_guard<std::mutex> guard(ctx->requests.mutex);
+        ctx->requests.live.clear();
     }
-    list_iter_destroy(&iter);
     list_destroy(cb->pending_list);
 }
 
 } // namespace velmar::msg
 
 using namespace velmar::msg;
+
+namespace {
+
+// The send failed: the sender gives the request up, unless its answer has already
+// claimed it (the interface delivered it after all), in which case its callback runs and
+// the request counts as sent. Returns true when the request was given up.
+bool __dm_give_up(Context *ctx, uint64_t id)
+{
+    std::lock_guard<std::mutex> guard(ctx->requests.mutex);
+    auto found = ctx->requests.live.find(id);
+    if (found == ctx->requests.live.end()) {
+        return false;
+    }
+    PendingReq *req = found->second;
+    ctx->requests.live.erase(found);
+    if (req->busy) {
+        req->orphaned = true; // the poller thread deletes it when its time-out work ends
+    } else {
+        __dm_pending_req_del(ctx, req);
+    }
+    return true;
+}
+
+} // namespace
 
 extern "C" {
 
@@ -323,24 +384,15 @@ int dm_send_req(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_S
     if (intf == nullptr || addr == nullptr || addr_len == 0 || data == nullptr) {
         return DM_ERR_INVALID_ARG;
     }
-    PendingReq *req = nullptr;
-    {
-        ReqGuard guard(g_req_lock);
-        if (__dm_pending_req_add(intf, addr, addr_len, data, rsp_cb, user_data, user_data_len,
-                                 &req) != 0) {
-            return DM_ERR_PENDING_ADD;
-        }
+    uint64_t id = 0;
+    if (__dm_pending_req_add(intf, addr, addr_len, data, rsp_cb, user_data, user_data_len, &id) !=
+        0) {
+        return DM_ERR_PENDING_ADD;
     }
-    int ret = intf->send_msg(intf, DM_MSG_REQ, addr, addr_len, data, req_id_of(req));
+    int ret = intf->send_msg(intf, DM_MSG_REQ, addr, addr_len, data, id);
     DM_LOG_DEBUG("finish call intf->send_msg, ret = %d\n", ret);
     if (ret != 0) {
-        ReqGuard guard(g_req_lock);
-        // Unless its answer has come already (the interface delivered it after all) and
-        // claimed the record, it is dropped here and no callback follows.
-        if (is_live(req)) {
-            __dm_pending_req_del(intf->dm_cb, req);
-        }
-        ret = DM_ERR_SEND;
+        ret = __dm_give_up(context_of(intf->dm_cb), id) ? DM_ERR_SEND : 0;
     }
     DM_LOG_DEBUG("finish call dm_send_req\n");
     return ret;

@@ -138,7 +138,6 @@ int32_t __dm_udp_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
 
 int32_t __dm_udp_close(DM_INTF_ST *intf)
 {
-    note_intf_closed(intf);
     // Only an interface under the default name gives its socket back; keep it that way.
     if (same_name(intf->name, kUdpName)) {
         close(intf->fd);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "common/dm_log.h"
+#include "poller/poller_hooks.h"
 #include "poller/poller_internal.h"
 #include "poller/poller_time.h"
 
@@ -90,6 +91,7 @@ void __poller_free(POLLER_ST *poller)
 {
     list_destroy(poller->fd_list);
     list_destroy(poller->timer_list);
+    __poller_timer_index_destroy(poller);
     int ret = mmCloseFile(poller->notify_fd[0]);
     if (ret != 0) {
         DM_ASSERT_FAILED("ret == 0");
@@ -106,24 +108,23 @@ int __poller_create_fail(POLLER_ST **out, POLLER_ST *poller, int ret)
 {
     list_destroy(poller->fd_list);
     list_destroy(poller->timer_list);
+    __poller_timer_index_destroy(poller);
     free(poller);
     *out = nullptr;
     return ret;
 }
 
 // The wait of one pass: 50 ms, or the time to the first timer when the descriptor list
-// was loaded in full. A first timer that is already marked still counts.
+// was loaded in full. A first timer that is already marked still counts. Another thread
+// may remove and free that timer at any moment, so its deadline is read under a
+// reference (never through list_first_item).
 int __poller_wait_ms(POLLER_ST *poller, uint32_t loaded)
 {
+    constexpr int kNoTimer = static_cast<int>(kNoTimerWaitMs);
     if (list_is_empty(poller->timer_list) || list_size(poller->fd_list) != loaded) {
-        return static_cast<int>(kNoTimerWaitMs);
+        return kNoTimer;
     }
-    const auto *first = static_cast<POLLER_TIMER_ENTRY_ST *>(list_first_item(poller->timer_list));
-    if (first == nullptr) { // removed by another thread since the emptiness check
-        return static_cast<int>(kNoTimerWaitMs);
-    }
-    const int32_t left = poller_ms_until(first);
-    return left > 0 ? left : kMinTimerWaitMs;
+    return __poller_first_timer_wait_ms(poller, kNoTimer);
 }
 
 void __poller_sweep_removed(LIST_ST *list)
@@ -145,8 +146,14 @@ void __do_poll_free_resource(POLLER_ST *poller, struct pollfd *fds)
     const uint32_t state = load_state(poller);
     DM_LOG_WARN("do poll exit, poll state = %d\n", static_cast<int>(state));
     free(fds);
+    std::atomic_ref<uint32_t>(poller->poll_tid_set).store(0, std::memory_order_release);
     if (state == kDestroyRequested) {
+        const ExitHook hook = std::atomic_ref<ExitHook>(poller->exit_hook).load(std::memory_order_acquire);
+        void *arg = std::atomic_ref<void *>(poller->exit_arg).load(std::memory_order_acquire);
         __poller_free(poller);
+        if (hook != nullptr) {
+            hook(arg);
+        }
     } else if (state == kExitRequested) {
         store_state(poller, kIdle); // the last touch: the poller may be run again
     }
@@ -157,6 +164,8 @@ void *__do_poll(void *arg)
     auto *poller = static_cast<POLLER_ST *>(arg);
     (void)pthread_detach(pthread_self());
     (void)mmSetCurrentThreadName("do_poll");
+    std::atomic_ref<pthread_t>(poller->poll_tid).store(pthread_self(), std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(poller->poll_tid_set).store(1, std::memory_order_release);
     store_state(poller, kRunning);
 
     struct pollfd *fds = nullptr; // kept from pass to pass, only ever grown
@@ -180,13 +189,30 @@ void *__do_poll(void *arg)
         }
         __poller_run_timers(poller);
         __poller_sweep_removed(poller->fd_list);
-        __poller_sweep_removed(poller->timer_list);
+        __poller_sweep_timers(poller);
     }
     __do_poll_free_resource(poller, fds);
     return nullptr;
 }
 
 } // namespace
+
+namespace velmar::poller {
+
+bool on_poll_thread(POLLER_ST *poller)
+{
+    return std::atomic_ref<uint32_t>(poller->poll_tid_set).load(std::memory_order_acquire) != 0 &&
+           pthread_equal(std::atomic_ref<pthread_t>(poller->poll_tid).load(std::memory_order_relaxed),
+                         pthread_self()) != 0;
+}
+
+void set_exit_hook(POLLER_ST *poller, ExitHook hook, void *arg)
+{
+    std::atomic_ref<void *>(poller->exit_arg).store(arg, std::memory_order_release);
+    std::atomic_ref<ExitHook>(poller->exit_hook).store(hook, std::memory_order_release);
+}
+
+} // namespace velmar::poller
 
 extern "C" int poller_create(POLLER_ST **out)
 {
@@ -209,6 +235,9 @@ extern "C" int poller_create(POLLER_ST **out)
     ret = list_create(&poller->fd_list, poller_fd_entry_cmp, poller_entry_free);
     if (ret == 0) {
         ret = list_create(&poller->timer_list, poller_timer_entry_cmp, poller_entry_free);
+    }
+    if (ret == 0) {
+        ret = __poller_timer_index_create(poller);
     }
     if (ret != 0) {
         return __poller_create_fail(out, poller, ret);

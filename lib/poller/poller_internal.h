@@ -22,6 +22,11 @@
 #include "dm_platform.h"
 #include "dm_poller.h"
 
+namespace velmar::poller {
+struct TimerIndex;
+using ExitHook = void (*)(void *arg);
+} // namespace velmar::poller
+
 struct POLLER_ST {
     uint32_t state;       // one of velmar::poller::State; atomic access only
     int32_t notify_fd[2]; // self-notifier pipe: read end, write end; -1 when not open
@@ -29,6 +34,13 @@ struct POLLER_ST {
     mmThread thread;      // poll thread, filled in by the adapter's thread creation
     LIST_ST *fd_list;     // POLLER_FD_ENTRY_ST, in order of registration
     LIST_ST *timer_list;  // POLLER_TIMER_ENTRY_ST, in deadline order
+    // Live timers by handle, so that removing one costs the same however many are armed
+    // (poller_timers.cpp).
+    velmar::poller::TimerIndex *timer_index;
+    pthread_t poll_tid;   // the poll thread as it knows itself; atomic access only
+    uint32_t poll_tid_set;
+    velmar::poller::ExitHook exit_hook; // see set_exit_hook (poller_hooks.h); atomic access
+    void *exit_arg;
 };
 
 struct POLLER_FD_ENTRY_ST {
@@ -189,3 +201,12 @@ void __poller_load_fds(LIST_ST *list, struct pollfd **fds, uint32_t *nfds, uint3
 int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
                             POLLER_TIMER_CALLBACK cb);
 void __poller_run_timers(POLLER_ST *poller);
+// The timer index's life follows the poller's: made by poller_create (0 or 12), released
+// by __poller_free after the timer list.
+int __poller_timer_index_create(POLLER_ST *poller);
+void __poller_timer_index_destroy(POLLER_ST *poller);
+// The sweep of the timer list's marked entries.
+void __poller_sweep_timers(POLLER_ST *poller);
+// The wait until the first timer, in whole milliseconds (at least 1), or `none` when no
+// timer is armed. Reads the first entry under a reference, so no other thread can free it.
+int __poller_first_timer_wait_ms(POLLER_ST *poller, int none);

@@ -1,12 +1,95 @@
 // One-shot timers: adding in deadline order, removal by handle, the timer list's
 // callbacks, and the timer step of each loop pass.
+//
+// The timer index. A handle is the entry's address, and removal by handle used to walk
+// the whole list: with one timer per pending request, every answer paid for all the
+// others. The index maps each live handle to its list node, so removal finds it at once.
+// It also keeps the handle rule safe: a stale handle (its timer fired or was removed) is
+// simply not in the index, and the entry behind it is never read. An entry leaves the
+// index exactly when its one list_remove is claimed (retire), under the index's lock, so
+// an address can only be indexed again once the entry that had it is on its way out.
 #include <cstdlib>
+#include <mutex>
+#include <new>
+#include <unordered_map>
 
 #include "common/dm_log.h"
+#include "list/list_nodes.h"
 #include "poller/poller_internal.h"
 #include "poller/poller_time.h"
 
 using namespace velmar::poller;
+
+namespace velmar::poller {
+
+struct TimerIndex {
+    std::mutex mutex;
+    // Null while poller_timer_add is between reserving the handle and linking the entry.
+    std::unordered_map<const void *, LIST_NODE_ST *> nodes;
+};
+
+} // namespace velmar::poller
+
+namespace {
+
+// Claims the right to list_remove `entry` and takes it out of the index; false when
+// another caller has claimed it already.
+bool __poller_retire_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry)
+{
+    TimerIndex *index = poller->timer_index;
+    std::lock_guard<std::mutex> guard(index->mutex);
+    if (!claim(entry->removed)) {
+        return false;
+    }
+    index->nodes.erase(entry);
+    return true;
+}
+
+void __poller_retire_and_remove(POLLER_ST *poller, LIST_NODE_ST *node,
+                                POLLER_TIMER_ENTRY_ST *entry)
+{
+    if (__poller_retire_timer(poller, entry)) {
+        (void)list_remove(poller->timer_list, node);
+    }
+}
+
+// Inserts the finished entry in deadline order and indexes it. 0, 12 when the index
+// cannot grow, or the list's code (logged).
+int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry)
+{
+    TimerIndex *index = poller->timer_index;
+    try {
+        std::lock_guard<std::mutex> guard(index->mutex);
+        index->nodes.emplace(entry, nullptr);
+    } catch (const std::bad_alloc &) {
+        return 12;
+    }
+    LIST_NODE_ST *node = nullptr;
+    const int ret = velmar::list::insert_ascend_node(poller->timer_list, entry,
+                                                     poller_timer_deadline_cmp, &node);
+    std::lock_guard<std::mutex> guard(index->mutex);
+    if (ret != 0) {
+        index->nodes.erase(entry);
+        DM_LOG_ERR("failed to call list_insert_ascend\n");
+        return ret;
+    }
+    index->nodes[entry] = node;
+    return 0;
+}
+
+} // namespace
+
+int __poller_timer_index_create(POLLER_ST *poller)
+{
+    poller->timer_index = new (std::nothrow) TimerIndex();
+    return poller->timer_index != nullptr ? 0 : 12;
+}
+
+void __poller_timer_index_destroy(POLLER_ST *poller)
+{
+    delete poller->timer_index;
+    poller->timer_index = nullptr;
+}
 
 int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
                             POLLER_TIMER_CALLBACK cb)
@@ -56,9 +139,8 @@ extern "C" int poller_timer_add(POLLER_ST *poller, uint32_t interval_ms, POLLER_
         entry->user_data_len = static_cast<uint32_t>(len);
     }
     entry->removed = kLive;
-    ret = list_insert_ascend(poller->timer_list, entry, poller_timer_deadline_cmp);
+    ret = __poller_link_timer(poller, entry);
     if (ret != 0) {
-        DM_LOG_ERR("failed to call list_insert_ascend\n");
         poller_entry_free(entry);
         return ret;
     }
@@ -73,18 +155,25 @@ extern "C" int poller_timer_remove(POLLER_ST *poller, void **handle)
     if (poller == nullptr || handle == nullptr) {
         return 22;
     }
-    void *wanted = *handle;
-    LIST_ITER_ST iter{};
-    list_iter_init(poller->timer_list, &iter);
-    while (LIST_NODE_ST *node = list_iter_next(&iter)) {
-        auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(node));
-        // The entry is the first argument, so a stale handle is only ever compared by
-        // address and never read.
-        if (poller_timer_entry_cmp(entry, wanted) == 0) {
-            remove_or_mark(poller, poller->timer_list, node, entry->removed);
+    TimerIndex *index = poller->timer_index;
+    LIST_NODE_ST *node = nullptr;
+    POLLER_TIMER_ENTRY_ST *entry = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(index->mutex);
+        auto found = index->nodes.find(*handle);
+        if (found == index->nodes.end() || found->second == nullptr) {
+            return 0; // fired or removed already: nothing to do, and nothing is read
+        }
+        node = found->second;
+        entry = static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(node));
+        // While the poll thread runs it may be iterating over the entry: only mark it.
+        // Marking under the index lock keeps the entry alive until the mark is set.
+        if (load_state(poller) == kRunning) {
+            mark(entry->removed);
+            return 0;
         }
     }
-    list_iter_destroy(&iter);
+    __poller_retire_and_remove(poller, node, entry);
     return 0;
 }
 
@@ -130,7 +219,33 @@ void __poller_run_timers(POLLER_ST *poller)
         }
         // Fired or marked: either way it goes now. The entry is freed when the iterator
         // moves on, so its handle is stale from the end of the callback.
-        claim_and_remove(poller->timer_list, node, entry->removed);
+        __poller_retire_and_remove(poller, node, entry);
     }
     list_iter_destroy(&iter);
+}
+
+void __poller_sweep_timers(POLLER_ST *poller)
+{
+    LIST_ITER_ST iter{};
+    list_iter_init(poller->timer_list, &iter);
+    while (LIST_NODE_ST *node = list_iter_next(&iter)) {
+        auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(node));
+        if (is_marked(entry->removed)) {
+            __poller_retire_and_remove(poller, node, entry);
+        }
+    }
+    list_iter_destroy(&iter);
+}
+
+int __poller_first_timer_wait_ms(POLLER_ST *poller, int none)
+{
+    LIST_ITER_ST iter{};
+    list_iter_init(poller->timer_list, &iter);
+    int wait_ms = none;
+    if (LIST_NODE_ST *node = list_iter_next(&iter)) {
+        const int32_t left = poller_ms_until(static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(node)));
+        wait_ms = left > 0 ? left : kMinTimerWaitMs;
+    }
+    list_iter_destroy(&iter);
+    return wait_ms;
 }

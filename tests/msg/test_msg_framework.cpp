@@ -2,6 +2,7 @@
 // codes and log lines, lookups, the receive path, and what dm_destroy leaves behind.
 #include <thread>
 
+#include "host_platform.h"
 #include "msg_test_support.h"
 
 using namespace msg_test;
@@ -99,8 +100,11 @@ TEST(Selfloop, ReceiveRulesOnAPipeReadByHand)
     ASSERT_EQ(poller_fd_remove(ctx.cb->poller, aux->fd, 1), 0);
     DM_ADDR_ST to = aux->addr;
     to.peer_id = 7;
-    DM_DATA_ST empty{0, nullptr};
     DM_DATA_ST two = data_of("hi");
+    // An empty payload still needs a valid pointer: the copy refuses a null source.
+    DM_DATA_ST no_data{0, nullptr};
+    EXPECT_EQ(aux->send_msg(aux, DM_MSG_RSP, &to, 40, &no_data, 9), HOST_SEC_EINVAL);
+    DM_DATA_ST empty{0, two.data};
     ASSERT_EQ(aux->send_msg(aux, DM_MSG_RSP, &to, 40, &empty, 9), 0);
     ASSERT_EQ(aux->send_msg(aux, DM_MSG_RSP, &to, 40, &two, 0xabc), 0);
     ASSERT_EQ(aux->send_msg(aux, DM_MSG_REQ, &to, 40, &two, 1), 0);

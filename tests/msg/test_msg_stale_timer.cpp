@@ -17,7 +17,7 @@ struct Slot {
     bool used;
     void *real;
     POLLER_TIMER_CALLBACK cb;
-    unsigned char data[8];
+    unsigned char data[16];
 };
 Slot g_slots[64];
 std::recursive_mutex g_mutex;
@@ -28,12 +28,13 @@ template <typename Fn> Fn next_fn(const char *name) { return reinterpret_cast<Fn
 int trampoline(uint32_t period, int32_t elapsed, void *user_data, uint32_t len)
 {
     Slot *slot = *static_cast<Slot **>(user_data);
-    unsigned char data[8];
+    unsigned char data[sizeof(Slot::data)];
     std::unique_lock<std::recursive_mutex> guard(g_mutex);
     memcpy(data, slot->data, sizeof(data));
     slot->used = false;
     guard.unlock();
-    return slot->cb(period, elapsed, data, len);
+    (void)len;
+    return slot->cb(period, elapsed, data, sizeof(data));
 }
 
 } // namespace
@@ -42,7 +43,7 @@ extern "C" int poller_timer_add(POLLER_ST *poller, uint32_t ms, POLLER_TIMER_CAL
                                 int32_t len, void **handle)
 {
     static auto add = next_fn<decltype(&poller_timer_add)>("poller_timer_add");
-    if (user_data == nullptr || len != 8) {
+    if (user_data == nullptr || len != static_cast<int32_t>(sizeof(Slot::data))) {
         return add(poller, ms, cb, user_data, len, handle);
     }
     std::lock_guard<std::recursive_mutex> guard(g_mutex);
