@@ -11,6 +11,8 @@
 // another program holds the device. The directory is VELMAR_DEVMGR_DIR, as for the
 // library (see docs/host-platform.md).
 //
+// -h or --help prints the usage and exits 0.
+//
 // Exit status: 0 done, 1 failure or time-out, 2 usage.
 #include <unistd.h>
 
@@ -29,11 +31,37 @@ namespace {
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
+const char kUsage[] = "usage: devmgr-device DEV_ID listen|echo [--count N] [--timeout MS]\n"
+                      "       devmgr-device DEV_ID send PID HEX\n";
+
+const char kHelp[] =
+    "\n"
+    "Plays device DEV_ID of the host's device-manager simulator (directory\n"
+    "VELMAR_DEVMGR_DIR).\n"
+    "  listen   print every message a process sends to the device:\n"
+    "           \"pid <pid> len <n>: <hex bytes>\"\n"
+    "  echo     the same, and answer each message with its first 32 bytes\n"
+    "  send     send HEX (\"01 02 ff\" or \"0102ff\", at most 32 bytes) to process PID\n"
+    "           as the device\n"
+    "  --count N     stop after N messages (default: never)\n"
+    "  --timeout MS  give up when no message comes for MS milliseconds\n"
+    "Exit status: 0 done, 1 failure or time-out, 2 usage error.\n";
+
 int usage()
 {
-    fprintf(stderr, "usage: devmgr-device DEV_ID listen|echo [--count N] [--timeout MS]\n"
-                    "       devmgr-device DEV_ID send PID HEX\n");
+    fputs(kUsage, stderr);
     return kExitUsage;
+}
+
+// -h / --help anywhere on the line: the usage and a summary on stdout, exit 0.
+bool wants_help(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool parse_number(const char *text, long min, long max, long &out)
@@ -133,6 +161,11 @@ int parse_serve_options(int argc, char **argv, int first, ServeOptions &opt)
 
 int main(int argc, char **argv)
 {
+    if (wants_help(argc, argv)) {
+        fputs(kUsage, stdout);
+        fputs(kHelp, stdout);
+        return 0;
+    }
     long dev_id = 0;
     if (argc < 3 || !parse_number(argv[1], 0, 0xffffffffL, dev_id)) {
         return usage();

@@ -27,13 +27,14 @@ namespace dmctl {
 namespace {
 
 const char kHelp[] =
-    "usage: dmctl bench (--udp ADDR:PORT | --hdc N | --ipc DEV) [-n COUNT] [-w IN_FLIGHT]\n"
+    "usage: dmctl bench (--udp ADDR:PORT | --hdc N) [-n COUNT] [-w IN_FLIGHT]\n"
     "                   [-s SIZE] [--retries N] [--timeout MS] [--json] [-v]\n"
     "\n"
     "Sends COUNT requests of SIZE bytes, keeping IN_FLIGHT of them outstanding, against a\n"
     "server that answers (dmctl serve), and reports round trips per second, latency\n"
     "percentiles, time-outs and anomalies (duplicate or unexpected callbacks, answers\n"
-    "that are not the echo of their request).\n"
+    "that are not the echo of their request). The device-manager channel (--ipc) has\n"
+    "no responses to measure and is refused.\n"
     "  -n COUNT         requests in all (default 10000)\n"
     "  -w IN_FLIGHT     requests outstanding at any time (default 1)\n"
     "  -s SIZE          payload bytes, 1..4096 (default 64)\n"
