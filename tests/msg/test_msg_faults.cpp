@@ -37,7 +37,9 @@ TEST(Faults, DmInitUndoesEverythingItBuilt)
 {
     const int fds = open_fds();
     sweep([&](int k) {
-        DM_CB_ST *cb = nullptr;
+        // A stale handle in the caller's variable must be cleared by any failure.
+        DM_CB_ST stale{};
+        DM_CB_ST *cb = &stale;
         LogCapture log;
         int ret = dm_init(&cb);
         disarm_platform_faults();

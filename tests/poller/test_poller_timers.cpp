@@ -109,6 +109,31 @@ TEST_F(PollerTimerTest, CancelFromAnotherThreadWhileRunning)
     EXPECT_EQ(fired_tags(), "K");
 }
 
+// Timers that fire at once while another thread removes them: the loop sizes its wait
+// from the first timer, which that thread may be freeing (the race detector's case).
+TEST_F(PollerTimerTest, TimersFiringWhileAnotherThreadRemovesThem)
+{
+    start();
+    std::atomic<int> fired{0};
+    static std::atomic<int> *count = nullptr;
+    count = &fired;
+    auto tick = [](uint32_t, int32_t, void *, uint32_t) {
+        (*count)++;
+        return 0;
+    };
+    std::thread churn([&] {
+        for (int i = 0; i < 3000; i++) {
+            void *handle = nullptr;
+            char tag = 'c';
+            ASSERT_EQ(poller_timer_add(poller_, static_cast<uint32_t>(i % 2), tick, &tag, 1, &handle), 0);
+            ASSERT_EQ(poller_timer_remove(poller_, &handle), 0);
+        }
+    });
+    churn.join();
+    EXPECT_TRUE(wait_until([this] { return timer_entries() == 0; }));
+    EXPECT_LE(fired.load(), 3000);
+}
+
 TEST_F(PollerTimerTest, CallbacksAddAndCancelTimers)
 {
     auto rearm = [](uint32_t interval, int32_t elapsed, void *data, uint32_t len) {

@@ -1,3 +1,5 @@
+// Programs that replace poller functions to make a rare moment certain.
+//
 // A request that timed out still held the handle of the timer that had fired. Handles
 // are entry addresses, compared by value, and the allocator may give a newer timer the
 // same address: deleting the old request must not remove that newer timer. This program
@@ -6,6 +8,7 @@
 #include <dlfcn.h>
 
 #include <cstring>
+#include <thread>
 
 #include "msg_test_support.h"
 
@@ -111,4 +114,62 @@ TEST(StaleTimer, DeletingATimedOutRequestLeavesANewerTimerAlone)
     std::lock_guard<std::recursive_mutex> guard(g_mutex);
     ASSERT_EQ(g_handed_out.size(), 2U);
     EXPECT_EQ(g_handed_out[0], g_handed_out[1]) << "no handle was reused: this run proves nothing";
+}
+
+// A registration that the poller refuses while another thread's iterator stands on the
+// new node: the list then releases the record on that thread, later. The transport must
+// learn from the call that the record is gone, not from which thread ran its close slot.
+namespace {
+
+std::atomic<int> g_refuse_fd_add{0};
+std::atomic<int> g_walker_holds{0};
+std::atomic<int> g_walker_may_go{0};
+LIST_ST *g_walked = nullptr;
+
+} // namespace
+
+extern "C" int poller_fd_add(POLLER_ST *poller, int fd, int16_t events, POLLER_FD_CALLBACK cb, void *user_data,
+                             int32_t len)
+{
+    static auto add = next_fn<decltype(&poller_fd_add)>("poller_fd_add");
+    if (g_refuse_fd_add.exchange(0) == 0) {
+        return add(poller, fd, events, cb, user_data, len);
+    }
+    while (g_walker_holds == 0) {
+        std::this_thread::yield();
+    }
+    return 12;
+}
+
+TEST(RefusedRegistration, ARecordReleasedOnAnotherThreadIsNotReleasedAgain)
+{
+    Context ctx;
+    const int fds = open_fds();
+    g_walked = ctx.cb->intf_list;
+    std::thread walker([] {
+        LIST_ITER_ST iter{};
+        list_iter_init(g_walked, &iter);
+        for (;;) {
+            LIST_NODE_ST *node = list_iter_next(&iter);
+            if (node == nullptr) {
+                list_iter_destroy(&iter);
+                list_iter_init(g_walked, &iter); // not appended yet: walk again
+                continue;
+            }
+            if (strcmp(static_cast<DM_INTF_ST *>(list_to_item(node))->name, "victim") == 0) {
+                break;
+            }
+        }
+        g_walker_holds = 1;
+        while (g_walker_may_go == 0) {
+            std::this_thread::yield();
+        }
+        list_iter_destroy(&iter); // the last reference: the record is closed and freed here
+    });
+    g_refuse_fd_add = 1;
+    EXPECT_EQ(selfloop_init(nullptr, ctx.cb, nullptr, "victim", 0), 12);
+    g_walker_may_go = 1;
+    walker.join();
+    EXPECT_EQ(dm_get_intf(ctx.cb, "victim", 7), nullptr);
+    EXPECT_EQ(open_fds(), fds);
 }
