@@ -39,6 +39,9 @@ struct Context {
     uint32_t closing;
     // Framework callbacks running on the poller thread right now; dm_destroy waits for 0.
     uint32_t in_flight;
+    // Moves on with every deregistration, so that a receive that reads several messages
+    // in one go notices when a handler has released its interface.
+    uint32_t intf_generation;
     RequestTable requests; // constructed in place by dm_init, destroyed by dm_destroy
 };
 

@@ -1,5 +1,7 @@
 // The framework context (dm_init, dm_destroy), the interface registry, the receive path
 // that turns a readable descriptor into a dispatched message, and the debug flag.
+#include <sys/ioctl.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
@@ -60,6 +62,7 @@ using namespace velmar::msg;
 namespace {
 
 constexpr uint32_t kDestroyGraceMs = 100;
+constexpr int kRecvBatch = 32;
 
 int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len);
 
@@ -99,6 +102,22 @@ void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg)
     }
 }
 
+// Whether another message already waits on `fd` (a datagram, or bytes in a pipe).
+bool __dm_more_ready(int fd)
+{
+    int bytes = 0;
+    return ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
+}
+
+uint32_t __dm_intf_generation(Context *ctx)
+{
+    return std::atomic_ref<uint32_t>(ctx->intf_generation).load(std::memory_order_acquire);
+}
+
+// One readiness event. A busy interface has more messages waiting than the one that woke
+// the poller: reading them now, in arrival order, saves a poll() and a loop pass for
+// each. The batch is bounded so that one interface cannot starve the others or the
+// timers, and it stops when a handler destroys the context or releases an interface.
 int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
 {
     (void)user_data_len;
@@ -106,7 +125,8 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
     if (intf == nullptr || intf->recv_msg == nullptr || intf->dm_cb == nullptr) {
         return 0;
     }
-    CallbackScope scope(intf->dm_cb);
+    Context *ctx = context_of(intf->dm_cb);
+    CallbackScope scope(ctx);
     if (scope.closing()) {
         return 0;
     }
@@ -115,18 +135,24 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
         DM_CHECK_FAILED("(data != ((void *)0))");
         return 0;
     }
-    if (memset_s(data, DM_MAX_DATA_LEN, 0, DM_MAX_DATA_LEN) != 0) {
-        free(data);
-        return 0;
-    }
-    DM_ADDR_ST addr{};
-    DM_MSG_ST msg{};
-    msg.addr = &addr;
-    msg.addr_len = DM_ADDR_LEN;
-    msg.data.data_len = DM_MAX_DATA_LEN;
-    msg.data.data = data;
-    if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0) {
-        __dm_msg_dispatch(intf, &msg);
+    const uint32_t generation = __dm_intf_generation(ctx);
+    for (int read = 1;; read++) {
+        if (memset_s(data, DM_MAX_DATA_LEN, 0, DM_MAX_DATA_LEN) != 0) {
+            break;
+        }
+        DM_ADDR_ST addr{};
+        DM_MSG_ST msg{};
+        msg.addr = &addr;
+        msg.addr_len = DM_ADDR_LEN;
+        msg.data.data_len = DM_MAX_DATA_LEN;
+        msg.data.data = data;
+        if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0) {
+            __dm_msg_dispatch(intf, &msg);
+        }
+        if (read == kRecvBatch || (events & 0x0001) == 0 || scope.closing() ||
+            __dm_intf_generation(ctx) != generation || !__dm_more_ready(fd)) {
+            break;
+        }
     }
     free(data);
     return 0;
@@ -333,6 +359,7 @@ int dm_intf_deregister(DM_INTF_ST *intf)
     if (ret != 0) {
         return ret;
     }
+    std::atomic_ref<uint32_t>(context_of(cb)->intf_generation).fetch_add(1, std::memory_order_acq_rel);
     return list_remove_by_tag(cb->intf_list, intf, __dm_intf_cmp);
 }
 

@@ -8,10 +8,16 @@
 // simply not in the index, and the entry behind it is never read. An entry leaves the
 // index exactly when its one list_remove is claimed (retire), under the index's lock, so
 // an address can only be indexed again once the entry that had it is on its way out.
+//
+// The index also remembers which entries were marked while the loop ran, so that the
+// sweep at the end of a pass visits those and not every armed timer: with one timer per
+// pending request, a pass must not cost more because many requests are waiting.
 #include <cstdlib>
 #include <mutex>
 #include <new>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "common/dm_log.h"
 #include "list/list_nodes.h"
@@ -26,6 +32,8 @@ struct TimerIndex {
     std::mutex mutex;
     // Null while poller_timer_add is between reserving the handle and linking the entry.
     std::unordered_map<const void *, LIST_NODE_ST *> nodes;
+    // Handles marked since the last sweep; looked up again before use, never read blindly.
+    std::vector<const void *> marked;
 };
 
 } // namespace velmar::poller
@@ -170,6 +178,11 @@ extern "C" int poller_timer_remove(POLLER_ST *poller, void **handle)
         // Marking under the index lock keeps the entry alive until the mark is set.
         if (load_state(poller) == kRunning) {
             mark(entry->removed);
+            try {
+                index->marked.push_back(entry);
+            } catch (const std::bad_alloc &) {
+                // Not lost: a marked entry is also removed when the timer step reaches it.
+            }
             return 0;
         }
     }
@@ -226,15 +239,31 @@ void __poller_run_timers(POLLER_ST *poller)
 
 void __poller_sweep_timers(POLLER_ST *poller)
 {
-    LIST_ITER_ST iter{};
-    list_iter_init(poller->timer_list, &iter);
-    while (LIST_NODE_ST *node = list_iter_next(&iter)) {
-        auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(node));
-        if (is_marked(entry->removed)) {
-            __poller_retire_and_remove(poller, node, entry);
-        }
+    TimerIndex *index = poller->timer_index;
+    std::vector<const void *> marked;
+    {
+        std::lock_guard<std::mutex> guard(index->mutex);
+        marked.swap(index->marked);
     }
-    list_iter_destroy(&iter);
+    for (const void *handle : marked) {
+        LIST_NODE_ST *node = nullptr;
+        {
+            // The timer step may have removed it already: only an entry still indexed is
+            // alive, and only one still marked is the one that was marked.
+            std::lock_guard<std::mutex> guard(index->mutex);
+            auto found = index->nodes.find(handle);
+            if (found == index->nodes.end() || found->second == nullptr) {
+                continue;
+            }
+            auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(found->second));
+            if (!is_marked(entry->removed) || !claim(entry->removed)) {
+                continue;
+            }
+            node = found->second;
+            index->nodes.erase(found);
+        }
+        (void)list_remove(poller->timer_list, node);
+    }
 }
 
 int __poller_first_timer_wait_ms(POLLER_ST *poller, int none)
