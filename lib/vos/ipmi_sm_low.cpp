@@ -98,20 +98,78 @@ uint32_t wait_for_unit(THREAD_TIMED_MUTEX_ST *m, uint32_t timeout_ms, int32_t li
     }
 }
 
-// A single wake-up decides: the mutex type does not re-check after waking.
+// A recursive mutex handed over by an unlock stays marked locked, with no owner, until one
+// of its waiters takes it.
+bool handover_pending(const THREAD_TIMED_MUTEX_ST *m)
+{
+    return m->locked != 0 && m->owner == 0;
+}
+
+// Why the state decides rather than the wake-up: a waiter that times out just as the lock
+// is handed to it would leave the lock with nobody for good, and a wake-up that finds no
+// hand-over (spurious, or another waiter came first) would make a second owner. So
+// whichever waiter gets the record's mutex next takes a pending hand-over, even one whose
+// time is up, and the others wait on until their one deadline.
 uint32_t wait_for_handover(THREAD_TIMED_MUTEX_ST *m, uint32_t timeout_ms)
 {
-    if (timeout_ms == 0) {
-        pthread_cond_wait(&m->cond, &m->mutex);
-        return kLockOk;
-    }
     timespec deadline{};
-    get_abs_time(&deadline, timeout_ms);
-    const int rc = pthread_cond_timedwait(&m->cond, &m->mutex, &deadline);
-    if (rc == ETIMEDOUT) {
-        return kLockTimeout;
+    if (timeout_ms != 0) {
+        get_abs_time(&deadline, timeout_ms);
     }
-    return rc == 0 ? kLockOk : kLockFailed;
+    for (;;) {
+        const int rc = timeout_ms == 0 ? pthread_cond_wait(&m->cond, &m->mutex)
+                                       : pthread_cond_timedwait(&m->cond, &m->mutex, &deadline);
+        if (handover_pending(m)) {
+            return kLockOk;
+        }
+        if (rc == ETIMEDOUT) {
+            return kLockTimeout;
+        }
+        if (rc != 0) {
+            return kLockFailed;
+        }
+    }
+}
+
+struct Waiter {
+    THREAD_TIMED_MUTEX_ST *m;
+    pthread_t self;
+};
+
+// Cancellation clean-ups of a waiter; they run with the record's mutex held again. Why:
+// without them a cancelled waiter kept its node, its place in wait_num and, for the
+// semaphores, its reserved unit, so the unit was lost for good.
+void stop_waiting(const Waiter *w)
+{
+    thread_timed_mutex_list_del(w->m, static_cast<uint64_t>(w->self));
+    w->m->wait_num--;
+}
+
+void abandon_unit_wait(void *arg)
+{
+    const auto *w = static_cast<const Waiter *>(arg);
+    w->m->count++; // the reserved unit, or one already handed over, goes back
+    stop_waiting(w);
+}
+
+// A hand-over this waiter may have swallowed goes on to another waiter, or, with none
+// left, is released as an unlock without waiters would.
+void abandon_handover_wait(void *arg)
+{
+    const auto *w = static_cast<const Waiter *>(arg);
+    THREAD_TIMED_MUTEX_ST *m = w->m;
+    stop_waiting(w);
+    if (!handover_pending(m)) {
+        return;
+    }
+    if (m->wait_num >= 1) {
+        pthread_cond_signal(&m->cond);
+        return;
+    }
+    m->locked = 0;
+    if (m->count < m->max_count) {
+        m->count++;
+    }
 }
 
 void take(THREAD_TIMED_MUTEX_ST *m, pthread_t self)
@@ -257,9 +315,11 @@ uint32_t thead_timed_sem_bin_or_count_lock(THREAD_TIMED_MUTEX_ST *m, uint32_t ti
         m->count--; // reserved before waiting: a woken waiter does not decrement again
         (void)thread_timed_mutex_list_add(m, self);
         m->wait_num++;
+        const Waiter waiter{m, self};
+        pthread_cleanup_push(abandon_unit_wait, const_cast<Waiter *>(&waiter));
         result = wait_for_unit(m, timeout_ms, limit);
-        thread_timed_mutex_list_del(m, self);
-        m->wait_num--;
+        pthread_cleanup_pop(0);
+        stop_waiting(&waiter);
     }
     if (result == kLockOk) {
         take(m, self);
@@ -282,9 +342,11 @@ uint32_t thead_timed_sem_mutex_lock(THREAD_TIMED_MUTEX_ST *m, uint32_t timeout_m
     } else if (m->count < 1) {
         m->wait_num++;
         (void)thread_timed_mutex_list_add(m, self);
+        const Waiter waiter{m, self};
+        pthread_cleanup_push(abandon_handover_wait, const_cast<Waiter *>(&waiter));
         result = wait_for_handover(m, timeout_ms);
-        m->wait_num--;
-        thread_timed_mutex_list_del(m, self);
+        pthread_cleanup_pop(0);
+        stop_waiting(&waiter);
     } else {
         m->count--;
     }
@@ -321,14 +383,17 @@ uint32_t thread_timed_sem_mutex_unlock(THREAD_TIMED_MUTEX_ST *m, pthread_t self)
     }
     pthread_mutex_lock(&m->mutex);
     if (m->nest_num == 0) {
-        m->locked = 0;
         m->owner = 0;
         if (m->wait_num != 0) {
-            // The lock passes to the woken waiter: count stays as it is.
+            // The lock passes to a waiter: count stays as it is, and `locked` stays 1 with
+            // no owner until a waiter takes it (why: that mark is how the waiters, and one
+            // timing out or cancelled meanwhile, tell a hand-over from a held lock).
+            m->locked = 1;
             pthread_mutex_unlock(&m->mutex);
             pthread_cond_signal(&m->cond);
             return kLockOk;
         }
+        m->locked = 0;
         if (m->count < m->max_count) {
             m->count++;
         }

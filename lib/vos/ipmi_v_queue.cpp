@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <limits>
 
 #include "common/dm_log.h"
 
@@ -52,6 +53,17 @@ static_assert(sizeof(msqid_ds{}.msg_perm.uid) == 4 && sizeof(msqid_ds{}.msg_perm
 // block with a release step here before sending, and every reader acquires after
 // receiving, so the hand-over of the block's bytes is ordered in the language too.
 std::atomic<uint64_t> m_ul_block_handoffs{0};
+
+constexpr uint64_t kMaxDepth = std::numeric_limits<msglen_t>::max() / kMessageBodySize;
+
+// Why a failed creation removes its queue: the caller never learns its identifier, so
+// nobody else could.
+uint32_t remove_unfinished(int msqid)
+{
+    msqid_ds ds{};
+    (void)msgctl(msqid, IPC_RMID, &ds);
+    return kQueueLocalFailure;
+}
 
 int to_msqid(uint64_t qid)
 {
@@ -160,7 +172,8 @@ DM_EXPORT uint32_t vos_private_queue_create(const char *name, uint64_t depth, ui
 {
     // mode and extra carry no meaning here; they are validated so that callers written
     // for the two documented modes keep failing loudly on anything else.
-    if (name == nullptr || depth == 0 || out_qid == nullptr || extra == 0 ||
+    // A depth whose byte limit does not fit would wrap to a queue that refuses every message.
+    if (name == nullptr || depth == 0 || depth > kMaxDepth || out_qid == nullptr || extra == 0 ||
         (mode != kModeTen && mode != kModeNine)) {
         return kQueueParamInvalid;
     }
@@ -174,19 +187,19 @@ DM_EXPORT uint32_t vos_private_queue_create(const char *name, uint64_t depth, ui
     if (msgctl(msqid, IPC_STAT, &ds) != 0) {
         const auto err = static_cast<unsigned>(errno);
         DM_LOG_ERR("\r\nget queue stat error!! errno is 0x%x.", err);
-        return kQueueLocalFailure;
+        return remove_unfinished(msqid);
     }
     // Each message is one pointer, so a byte limit of depth * 8 holds depth messages.
     ds.msg_qbytes = static_cast<msglen_t>(depth * kMessageBodySize);
     // The owner fields carry the name's bytes: a deliberate tag that makes the queue
     // recognisable in the system's queue listing.
     if (tag_owner_with_name(ds, name) != kQueueOk) {
-        return kQueueLocalFailure;
+        return remove_unfinished(msqid);
     }
     if (msgctl(msqid, IPC_SET, &ds) != 0) {
         const auto err = static_cast<unsigned>(errno);
         DM_LOG_ERR("\r\nset queue stat error!! errno is 0x%x.", err);
-        return kQueueLocalFailure;
+        return remove_unfinished(msqid);
     }
     *out_qid = static_cast<uint32_t>(msqid);
     return kQueueOk;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <pthread.h>
 
 #include "common/dm_log.h"
 #include "vos/vos_task_internal.h"
@@ -152,6 +153,38 @@ bool alloc_side_tables()
     return true;
 }
 
+// What a starting task needs of its block, copied under the lock.
+struct TaskStart {
+    VOS_TASK_ENTRY_FN entry = nullptr;
+    uint64_t args[4] = {};
+    uint64_t flags = 0;
+};
+
+// Reads the block only while it still names this thread: a deletion before the start may
+// have released it, and a newer task may fill it, whose entry must not run here twice.
+// The stack frame is written here rather than first thing for the same reason.
+TaskStart claim_own_block(uint32_t task_no, uint64_t self)
+{
+    TaskStart start;
+    SplGuard spl;
+    if (!task_in_use(task_no) || load_shared(g_p_task_cb[task_no].tid) != self) {
+        return start;
+    }
+    VOS_TASK_CB_ST *block = &g_p_task_cb[task_no];
+    store_shared(block->stack_frame, get_stackframe());
+    start.entry = block->pfn_local_task_entry;
+    for (size_t i = 0; i < 4; ++i) {
+        start.args[i] = block->args[i];
+    }
+    start.flags = block->flags;
+    return start;
+}
+
+void end_of_task(void *task_no)
+{
+    vos_task_clean_up_handler(static_cast<uint32_t *>(task_no));
+}
+
 void wait_for_dispatching()
 {
     while (vos_task_is_dispatching() == 0) {
@@ -248,6 +281,11 @@ uint32_t vos_create_task_ex(const char *name, const char *desc, uint32_t *out_ta
     if (entry == nullptr || out_task_no == nullptr || args == nullptr) {
         return kTaskNullParam;
     }
+    // Why one critical section from the search to the count: dropped around the thread
+    // creation, the lock let others see a block in use whose thread id was not yet written
+    // (a deletion then cancelled the free value as a thread), and let a task that ended at
+    // once release its block before the late writes of its id, pid and live count landed.
+    // The new task waits for this lock before it reads its block, so it cannot end first.
     SplGuard spl;
     const uint32_t task_no = search_free_tcb();
     if (task_no == 0 || task_no > VOS_MAX_TASK_NUM || priority >= 256) {
@@ -261,10 +299,8 @@ uint32_t vos_create_task_ex(const char *name, const char *desc, uint32_t *out_ta
         DM_LOG_ERR("init task struct fail ret = %d\n", static_cast<int>(rc));
         return rc;
     }
-    spl.release();
     const int64_t created = osal_create_task(block->name, vos_task_entry, priority, static_cast<int32_t>(flags),
                                              stack_size, kTaskArgTag | task_no, &block->tid, &block->tid_copy);
-    SplGuard relock;
     if (created != 0) {
         free_task_cb(task_no);
         *out_task_no = kTaskNotFound;
@@ -272,9 +308,7 @@ uint32_t vos_create_task_ex(const char *name, const char *desc, uint32_t *out_ta
     }
     block->reserved_f[0] = 0;
     block->reserved_f[1] = 0;
-    relock.release();
     store_shared(block->pid, static_cast<int64_t>(vos_gen_pid_for_task()));
-    SplGuard count;
     std::atomic_ref<uint64_t>(m_task_dyn_info[0]).fetch_add(1, std::memory_order_relaxed);
     std::atomic_ref<uint64_t>(m_task_dyn_info[1]).fetch_add(1, std::memory_order_relaxed);
     return kTaskOk;
@@ -294,53 +328,68 @@ uint32_t vos_create_task_preempt(const char *name, uint32_t *out_task_no, VOS_TA
 
 uint64_t vos_task_entry(uint64_t arg)
 {
-    uint32_t task_no = static_cast<uint32_t>(arg & kTaskNoMask);
-    if (task_no_in_range(task_no)) {
-        store_shared(g_p_task_cb[task_no].stack_frame, get_stackframe());
-    }
-    if (osal_get_self_id() == kFreeWord) {
+    const uint64_t self = osal_get_self_id();
+    if (self == kFreeWord) {
         (void)vos_delete_task(0);
     }
+    uint32_t task_no = static_cast<uint32_t>(arg & kTaskNoMask);
     wait_for_dispatching();
     if (vos_check_task_idvalid(task_no) == 0) {
         (void)vos_delete_task(0); // task 0 is never in use: has no effect, the thread goes on
     }
-    const VOS_TASK_CB_ST *block = &g_p_task_cb[task_no];
-    if (block->pfn_local_task_entry == nullptr) {
+    const TaskStart start = claim_own_block(task_no, self);
+    if (start.entry == nullptr) {
         DM_LOG_ERR("%s,%d:pfn_local_task_entry is null ptr funtion!\r\n", __FILE__, __LINE__);
         (void)vos_delete_task(0);
         return 0;
     }
-    if ((block->flags & kPreemptFlag) == 0) {
+    if ((start.flags & kPreemptFlag) == 0) {
         osal_task_lock();
     }
-    block->pfn_local_task_entry(block->args[0], block->args[1], block->args[2], block->args[3]);
-    vos_task_clean_up_handler(&task_no);
+    // The end of the task also runs when the entry is left by cancellation or thread exit,
+    // so that no block stays in use naming a thread that is gone.
+    pthread_cleanup_push(end_of_task, &task_no);
+    start.entry(start.args[0], start.args[1], start.args[2], start.args[3]);
+    pthread_cleanup_pop(1);
     return 0;
 }
 
+// Serialised with deletion and creation. A deletion that came first has already released
+// the block and counted the task down, and the number may name a newer task by now: only
+// the thread the block names releases it.
 void vos_task_clean_up_handler(uint32_t *task_no)
 {
-    decrement_live_tasks();
-    if (task_no != nullptr) {
-        free_task_cb(*task_no);
+    SplGuard spl;
+    if (task_no == nullptr) {
+        decrement_live_tasks();
+        return;
     }
+    if (!task_in_use(*task_no) || load_shared(g_p_task_cb[*task_no].tid) != osal_get_self_id()) {
+        return;
+    }
+    decrement_live_tasks();
+    free_task_cb(*task_no);
 }
 
+// Every step under the lock, so that deletion and the task's own end never both release
+// the block or both count it down.
 uint32_t vos_delete_task(uint32_t task_no)
 {
+    SplGuard spl;
     if (!task_in_use(task_no)) {
         return kTaskBadId;
     }
     if (load_shared(m_task_dyn_info[0]) == 0) {
         return kTaskNoneLive;
     }
-    {
-        SplGuard spl;
-        decrement_live_tasks();
-    }
     const uint64_t tid = load_shared(g_p_task_cb[task_no].tid);
+    if (tid == kFreeWord) {
+        return kTaskBadId; // a block kept in use after a failed clear names no thread
+    }
+    decrement_live_tasks();
     free_task_cb(task_no);
+    // Cancelled before the lock goes: until then the thread cannot have passed its own end,
+    // so `tid` still names it and not a newer thread that reuses the identifier.
     return osal_delete_task(tid) == 0 ? kTaskOk : kTaskCancelFailed;
 }
 

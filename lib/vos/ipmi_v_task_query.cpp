@@ -7,16 +7,10 @@
 
 using namespace velmar::vos;
 
-extern "C" {
+namespace {
 
-// Scans without the SPL lock: a task asks this about itself, and its own block cannot
-// change under it while it runs.
-uint32_t vos_get_current_task_id(void)
+uint32_t task_of_thread(uint64_t self)
 {
-    const uint64_t self = osal_get_self_id();
-    if (self == kFreeWord) {
-        return kTaskNotFound;
-    }
     for (uint32_t task_no = 1; task_no_in_range(task_no); ++task_no) {
         if (load_shared(g_p_task_cb[task_no].tid) == self) {
             return task_no;
@@ -25,24 +19,44 @@ uint32_t vos_get_current_task_id(void)
     return kTaskNotFound;
 }
 
+} // namespace
+
+extern "C" {
+
+// Scans without the SPL lock: a task asks this about itself, and only a deletion can take
+// its block away while it runs; the number it answers was right at the moment of the scan.
+uint32_t vos_get_current_task_id(void)
+{
+    const uint64_t self = osal_get_self_id();
+    return self == kFreeWord ? kTaskNotFound : task_of_thread(self);
+}
+
+// Number and field are read in one critical section, so that a block released and filled
+// by a newer task in between cannot lend its values to the caller.
 uint64_t vos_get_current_pid(void)
 {
-    const uint32_t task_no = vos_get_current_task_id();
-    if (task_no == kTaskNotFound) {
+    const uint64_t self = osal_get_self_id();
+    if (self == kFreeWord) {
         return kFreeWord;
     }
-    return static_cast<uint64_t>(load_shared(g_p_task_cb[task_no].pid));
+    SplGuard spl;
+    const uint32_t task_no = task_of_thread(self);
+    return task_no == kTaskNotFound ? kFreeWord : static_cast<uint64_t>(load_shared(g_p_task_cb[task_no].pid));
 }
 
 uint64_t vos_get_sys_task_id(uint32_t task_no)
 {
+    const uint64_t self = osal_get_self_id();
+    if (task_no == 0 && self == kFreeWord) {
+        return kFreeWord;
+    }
+    SplGuard spl;
     if (task_no == 0) {
-        task_no = vos_get_current_task_id();
+        task_no = task_of_thread(self); // under the lock for the same reason as above
         if (task_no == kTaskNotFound) {
             return kFreeWord;
         }
     }
-    SplGuard spl;
     return task_in_use(task_no) ? load_shared(g_p_task_cb[task_no].tid) : kFreeWord;
 }
 

@@ -4,16 +4,21 @@
 #include <gtest/gtest.h>
 
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "dm_platform.h"
+#include "host_platform.h"
 #include "support/faults.h"
 #include "vos/vos_test_support.h"
 #include "vos_osal.h"
@@ -119,6 +124,43 @@ void run_to_end(TaskProbe &probe, uint32_t task_no)
     EXPECT_TRUE(released(task_no)) << "task " << task_no << " did not end";
 }
 
+// Holds a creator between the start of its task's thread and the return of the thread
+// creation (osal_create_task destroys its attributes there), until `until` holds or
+// 200 ms pass. Armed by the creating thread for its next creation.
+struct CreationHold {
+    Gate reached;
+    std::function<bool()> until = [] { return false; };
+    pthread_t creator{};
+};
+CreationHold *g_creation_hold = nullptr; // read by the interposer through __atomic builtins
+
+void arm_creation_hold(CreationHold &hold)
+{
+    hold.creator = pthread_self();
+    __atomic_store_n(&g_creation_hold, &hold, __ATOMIC_RELEASE);
+}
+
+void hold_creator(CreationHold *hold)
+{
+    __atomic_store_n(&g_creation_hold, nullptr, __ATOMIC_RELAXED);
+    hold->reached.open();
+    (void)wait_until(hold->until, 200ms);
+}
+
+using AttrDestroyFn = int (*)(pthread_attr_t *);
+const AttrDestroyFn g_real_attr_destroy = velmar::test::next_symbol<AttrDestroyFn>("pthread_attr_destroy");
+
+void count_entry(uint64_t counter, uint64_t, uint64_t, uint64_t)
+{
+    reinterpret_cast<std::atomic<int> *>(counter)->fetch_add(1);
+}
+
+bool thread_gone(pid_t kernel_tid)
+{
+    const std::string path = "/proc/self/task/" + std::to_string(kernel_tid);
+    return wait_until([&] { return access(path.c_str(), F_OK) != 0; }, 10s);
+}
+
 class TaskTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -137,6 +179,20 @@ protected:
 };
 
 } // namespace
+
+// The race detector's runtime calls this too, in threads it has not set up yet: nothing
+// here is instrumented, and only the armed creator thread goes further.
+extern "C" __attribute__((no_sanitize("thread"))) int pthread_attr_destroy(pthread_attr_t *attr) __THROW
+{
+    CreationHold *hold = __atomic_load_n(&g_creation_hold, __ATOMIC_ACQUIRE);
+    if (hold != nullptr && pthread_equal(hold->creator, pthread_self()) != 0) {
+        hold_creator(hold);
+    }
+    const AttrDestroyFn real = g_real_attr_destroy != nullptr
+                                   ? g_real_attr_destroy
+                                   : velmar::test::next_symbol<AttrDestroyFn>("pthread_attr_destroy");
+    return real(attr);
+}
 
 TEST_F(TaskTest, FirstTaskRunsWithItsArgumentsNameAndIdentity)
 {
@@ -281,14 +337,37 @@ void open_unwound(void *probe)
     static_cast<LoopProbe *>(probe)->unwound.open();
 }
 
-void loop_entry(uint64_t probe_arg, uint64_t delete_itself, uint64_t, uint64_t)
+enum LoopMode : uint64_t { kDeletedByOther, kDeletesItself, kDeletedWhileLogging };
+
+// Holds every line that says "held line" in the sink until released, waiting in a
+// cancellation point as a slow log device would.
+struct HeldLine {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> release{false};
+};
+
+void hold_sink(int, const char *line, void *ctx)
+{
+    auto *held = static_cast<HeldLine *>(ctx);
+    if (strstr(line, "held line") == nullptr) {
+        return;
+    }
+    held->entered.store(true);
+    while (!held->release.load()) {
+        usleep(1000);
+    }
+}
+
+void loop_entry(uint64_t probe_arg, uint64_t mode, uint64_t, uint64_t)
 {
     auto *probe = reinterpret_cast<LoopProbe *>(probe_arg);
     pthread_cleanup_push(open_unwound, probe);
     probe->go.wait(); // a task may run before its creator has recorded its thread
     probe->started.open();
-    if (delete_itself != 0) {
+    if (mode == kDeletesItself) {
         probe->self_delete = vos_delete_task(vos_get_current_task_id());
+    } else if (mode == kDeletedWhileLogging) {
+        DlogErrorInner(10, "held line");
     }
     for (;;) {
         vos_task_delay(1000);
@@ -300,24 +379,125 @@ void loop_entry(uint64_t probe_arg, uint64_t delete_itself, uint64_t, uint64_t)
 
 TEST_F(TaskTest, DeletingARunningTaskCancelsItAndFreesItsNumber)
 {
-    for (uint64_t delete_itself : {0, 1}) {
+    for (uint64_t mode : {kDeletedByOther, kDeletesItself, kDeletedWhileLogging}) {
         LoopProbe probe;
-        const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), delete_itself, 0, 0};
+        HeldLine held;
+        if (mode == kDeletedWhileLogging) {
+            host_dlog_set_sink(hold_sink, &held);
+        }
+        const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), mode, 0, 0};
         uint32_t task_no = 0;
         ASSERT_EQ(vos_create_task("loop", &task_no, loop_entry, 1, 0, args), 0U);
         const uint64_t live = live_tasks();
         probe.go.open();
         ASSERT_TRUE(probe.started.wait_for(10s));
-        if (delete_itself == 0) {
+        if (mode == kDeletedWhileLogging) {
+            // Deleted in the middle of its log line: the task ends, the process goes on.
+            ASSERT_TRUE(wait_until([&] { return held.entered.load(); }));
+            EXPECT_EQ(vos_delete_task(task_no), 0U);
+            held.release.store(true);
+        } else if (mode == kDeletedByOther) {
             EXPECT_EQ(vos_delete_task(task_no), 0U);
         }
         // A task that deletes itself goes on until its next cancellation point.
         EXPECT_TRUE(probe.unwound.wait_for(10s));
-        EXPECT_EQ(probe.self_delete, delete_itself != 0 ? 0U : 1U);
+        host_dlog_set_sink(nullptr, nullptr);
+        EXPECT_EQ(probe.self_delete, mode == kDeletesItself ? 0U : 1U);
         EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
         EXPECT_EQ(live_tasks(), live - 1);
         EXPECT_EQ(vos_delete_task(task_no), kBadId);
     }
+}
+
+// The number is valid from the fill on, the thread id only once the thread exists: a
+// deletion in between must not cancel the unwritten id (another task keeps the live count
+// above zero, as in any busy process).
+TEST_F(TaskTest, DeletionDuringTheCreationWindowNeverCancelsAnUnwrittenThread)
+{
+    TaskProbe other;
+    uint32_t other_no = 0;
+    ASSERT_EQ(create_probe(other, &other_no), 0U);
+    // Deleted before it reads its block, the task never runs its entry; if it does run
+    // first, it is cancelled. Static: either way nothing of it may outlive the test.
+    static LoopProbe probe;
+    probe.go.open();
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&probe), kDeletedByOther, 0, 0};
+    CreationHold hold;
+    uint32_t task_no = 0;
+    uint32_t created = 1;
+    std::thread creator([&] {
+        arm_creation_hold(hold);
+        created = vos_create_task("young", &task_no, loop_entry, 1, 0, args);
+    });
+    ASSERT_TRUE(hold.reached.wait_for(10s));
+    EXPECT_EQ(vos_delete_task(task_no), 0U); // once the creation is complete
+    creator.join();
+    EXPECT_EQ(created, 0U);
+    EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
+    run_to_end(other, other_no);
+    EXPECT_EQ(live_tasks(), 0U);
+}
+
+// A task may run to its end before its creator has returned: it is counted and released
+// exactly once, and nothing of it is written into its block afterwards.
+TEST_F(TaskTest, TaskThatEndsBeforeItsCreatorReturnsLeavesNoTrace)
+{
+    std::atomic<int> ran{0};
+    uint32_t task_no = 0;
+    CreationHold hold;
+    hold.until = [&] { return ran.load() == 1 && !block_used(task_no); };
+    arm_creation_hold(hold);
+    const uint64_t live = live_tasks();
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&ran), 0, 0, 0};
+    ASSERT_EQ(vos_create_task("brief", &task_no, count_entry, 1, 0, args), 0U);
+    ASSERT_TRUE(released(task_no));
+    EXPECT_EQ(ran.load(), 1);
+    EXPECT_EQ(live_tasks(), live);
+    EXPECT_EQ(shared_load(g_p_task_cb[task_no].tid), kFreeWord);
+    EXPECT_EQ(shared_load(g_p_task_cb[task_no].pid), static_cast<int64_t>(kFreeWord));
+}
+
+namespace {
+
+struct SpinProbe {
+    std::atomic<bool> release{false};
+    std::atomic<pid_t> kernel_tid{0};
+};
+
+// Passes no cancellation point, so a deletion cannot stop it before it returns.
+void spin_entry(uint64_t probe_arg, uint64_t, uint64_t, uint64_t)
+{
+    auto *probe = reinterpret_cast<SpinProbe *>(probe_arg);
+    probe->kernel_tid.store(static_cast<pid_t>(syscall(SYS_gettid)));
+    while (!probe->release.load()) {
+        sched_yield();
+    }
+}
+
+} // namespace
+
+// A deleted task whose entry returns afterwards must not release the block that its
+// number's next task now holds, nor count that task down.
+TEST_F(TaskTest, EndOfADeletedTaskLeavesItsReusedNumberToTheNewTask)
+{
+    SpinProbe spin;
+    const uint64_t args[4] = {reinterpret_cast<uint64_t>(&spin), 0, 0, 0};
+    uint32_t old_no = 0;
+    ASSERT_EQ(vos_create_task("spin", &old_no, spin_entry, 1, 0, args), 0U);
+    ASSERT_TRUE(wait_until([&] { return spin.kernel_tid.load() != 0; }));
+    EXPECT_EQ(vos_delete_task(old_no), 0U);
+    TaskProbe probe;
+    uint32_t new_no = 0;
+    ASSERT_EQ(create_probe(probe, &new_no), 0U);
+    ASSERT_EQ(new_no, old_no);
+    probe.go.open();
+    ASSERT_TRUE(probe.seen.wait_for(10s));
+    spin.release.store(true);
+    ASSERT_TRUE(thread_gone(spin.kernel_tid.load()));
+    EXPECT_EQ(vos_check_task_idvalid(new_no), 1U);
+    EXPECT_EQ(vos_get_sys_task_id(new_no), probe.self);
+    EXPECT_EQ(live_tasks(), 1U);
+    run_to_end(probe, new_no);
 }
 
 TEST_F(TaskTest, DeletionNeedsALiveTaskCounted)
@@ -417,9 +597,6 @@ TEST_F(TaskTest, ConcurrentCreatorsOfShortTasks)
     constexpr int kTasksEach = 40;
     std::atomic<int> failures{0};
     std::atomic<int> ran{0};
-    const auto count_entry = [](uint64_t counter, uint64_t, uint64_t, uint64_t) {
-        reinterpret_cast<std::atomic<int> *>(counter)->fetch_add(1);
-    };
     const uint64_t args[4] = {reinterpret_cast<uint64_t>(&ran), 0, 0, 0};
     std::vector<std::thread> creators;
     for (int c = 0; c < kCreators; ++c) {
@@ -438,4 +615,124 @@ TEST_F(TaskTest, ConcurrentCreatorsOfShortTasks)
     }
     EXPECT_EQ(failures.load(), 0);
     EXPECT_TRUE(wait_until([&] { return ran.load() == kCreators * kTasksEach; }, 20s));
+}
+
+namespace {
+
+// What the churn's tasks and threads share. Never freed: a deleted task may still be on
+// its way out when the test ends.
+struct Churn {
+    static constexpr int kTypes = 4; // binary, counting (2 units), recursive mutex, read-write
+    static constexpr int32_t kUnits[kTypes] = {1, 2, 1, 0};
+    std::unique_ptr<LockRecord> locks[kTypes];
+    std::atomic<int> holders[kTypes] = {};
+    std::atomic<int> violations{0};
+    std::atomic<uint64_t> lines{0};
+    Churn()
+    {
+        for (int t = 0; t < kTypes; ++t) {
+            locks[t] = std::make_unique<LockRecord>(t, kUnits[t], "chrn");
+        }
+    }
+    // One pass over every lock with a short time-out; a taken one is let go at once.
+    void touch_locks(std::minstd_rand &rng)
+    {
+        for (int t = 0; t < kTypes; ++t) {
+            THREAD_TIMED_MUTEX_ST *m = locks[t]->get();
+            const uint32_t arg = t == 3 ? rng() % 2 : 1 + rng() % 3;
+            if (thread_timed_mutex_lock(m, arg) != 0) {
+                continue;
+            }
+            const int limit = t == 3 ? (arg != 0 ? 1000 : 1) : kUnits[t];
+            if (holders[t].fetch_add(1) + 1 > limit) {
+                violations.fetch_add(1);
+            }
+            holders[t].fetch_sub(1);
+            thread_timed_mutex_unlock(m);
+        }
+    }
+    bool locks_settled()
+    {
+        for (int t = 0; t < 3; ++t) {
+            const LockState s = snapshot(locks[t]->get());
+            if (s.count != kUnits[t] || s.wait_num != 0 || !s.waiters.empty() || s.owner != 0 || s.locked != 0) {
+                return false;
+            }
+        }
+        const bool free_rw = thread_timed_mutex_trylock(locks[3]->get(), 0) == 0;
+        if (free_rw) {
+            thread_timed_mutex_unlock(locks[3]->get());
+        }
+        return free_rw;
+    }
+};
+Churn *const g_churn = new Churn;
+
+void churn_sink(int, const char *, void *)
+{
+    g_churn->lines.fetch_add(1);
+}
+
+// Logs, checks who it is, waits on the shared locks and delays, for `rounds` rounds.
+void churn_entry(uint64_t rounds, uint64_t seed, uint64_t, uint64_t)
+{
+    std::minstd_rand rng(static_cast<uint32_t>(seed));
+    const uint64_t self = osal_get_self_id();
+    for (uint64_t i = 0; i < rounds; ++i) {
+        DlogErrorInner(10, "churn task round %llu", static_cast<unsigned long long>(i));
+        const uint64_t seen = vos_get_sys_task_id(0);
+        if (seen != self && seen != kFreeWord) {
+            g_churn->violations.fetch_add(1); // named another thread
+        }
+        g_churn->touch_locks(rng);
+        vos_task_delay(1);
+    }
+}
+
+} // namespace
+
+// Tasks that log and wait on locks are created, deleted and end by themselves from
+// several threads while other threads time out on the same locks. Afterwards the table,
+// the live count and every lock must be as if nothing had happened.
+TEST_F(TaskTest, ChurnOfTasksAndLocksLeavesEverythingConsistent)
+{
+    const char *env_seed = std::getenv("VELMAR_TEST_SEED");
+    const uint32_t seed = env_seed != nullptr ? static_cast<uint32_t>(std::strtoul(env_seed, nullptr, 10))
+                                              : static_cast<uint32_t>(std::random_device{}());
+    SCOPED_TRACE("VELMAR_TEST_SEED=" + std::to_string(seed));
+    host_dlog_set_sink(churn_sink, nullptr);
+    const auto end = std::chrono::steady_clock::now() + 1500ms;
+    std::atomic<int> bad_results{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 6; ++i) {
+        threads.emplace_back([&, i] {
+            std::minstd_rand rng(seed + static_cast<uint32_t>(i));
+            while (std::chrono::steady_clock::now() < end) {
+                if (i < 2) { // creators
+                    const uint64_t args[4] = {rng() % 20, rng(), 0, 0};
+                    uint32_t task_no = 0;
+                    const uint32_t rc = vos_create_task("churn", &task_no, churn_entry, 1, 0, args);
+                    bad_results.fetch_add(rc != 0 && rc != kNoBlock ? 1 : 0);
+                    std::this_thread::sleep_for(std::chrono::microseconds(rng() % 500));
+                } else if (i < 4) { // deleters
+                    const uint32_t rc = vos_delete_task(1 + rng() % 24);
+                    bad_results.fetch_add(rc != 0 && rc != kBadId ? 1 : 0);
+                    std::this_thread::sleep_for(std::chrono::microseconds(rng() % 700));
+                } else { // lock users outside the task table
+                    g_churn->touch_locks(rng);
+                }
+            }
+        });
+    }
+    for (auto &thread : threads) {
+        thread.join();
+    }
+    // A deleted task may still be on its way to its next cancellation point: wait for calm.
+    EXPECT_TRUE(wait_until([] { return used_blocks() == 0; }, 20s));
+    EXPECT_TRUE(wait_until([] { return g_churn->locks_settled(); }, 5s));
+    host_dlog_set_sink(nullptr, nullptr);
+    EXPECT_EQ(bad_results.load(), 0);
+    EXPECT_EQ(g_churn->violations.load(), 0);
+    EXPECT_EQ(live_tasks(), 0U);
+    EXPECT_GT(g_churn->lines.load(), 0U);
 }

@@ -5,6 +5,7 @@
 // so that lines of different threads (and of processes sharing a VELMAR_LOG_FILE opened
 // with O_APPEND) never interleave. Tests may divert lines to a sink instead.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -180,6 +181,12 @@ __attribute__((format(printf, 3, 0))) void emit(int level, int module_id, const 
         return;
     }
     const int saved_errno = errno; // logging must not disturb the caller's errno
+    // A thread may be cancelled while it logs (a task being deleted). With cancellation
+    // held off for the line, the line is written whole and the cancellation acts at the
+    // caller's next cancellation point; acting inside write() or a sink, its unwinding
+    // would be swallowed by the catch below, and the C library aborts the process.
+    int cancel_state = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     try {
         const std::string message = format_message(fmt, args);
         if (!deliver_to_sink(level, message)) {
@@ -193,6 +200,7 @@ __attribute__((format(printf, 3, 0))) void emit(int level, int module_id, const 
     } catch (...) {
         // Out of memory while logging: the line is lost, the caller must not be.
     }
+    pthread_setcancelstate(cancel_state, nullptr);
     errno = saved_errno;
 }
 
