@@ -3,6 +3,8 @@
 // socket helpers.
 #pragma once
 
+#include <cxxabi.h>
+
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/un.h>
@@ -137,8 +139,10 @@ enum class Op {
 bool take_fault(Op op, int &code);
 
 // The frame of every HAL call: an injected failure first, then `body`; no exception
-// leaves a C function (the only ones possible are failed allocations).
-template <typename F> int hal_call(Op op, F &&body) noexcept
+// leaves a C function (the only ones possible are failed allocations). Thread
+// cancellation is not an exception to swallow: a task deleted while it waits in a HAL
+// call unwinds through here, and stopping that unwind would abort the whole process.
+template <typename F> int hal_call(Op op, F &&body)
 {
     int code = 0;
     if (take_fault(op, code)) {
@@ -146,6 +150,8 @@ template <typename F> int hal_call(Op op, F &&body) noexcept
     }
     try {
         return body();
+    } catch (abi::__forced_unwind &) {
+        throw;
     } catch (...) {
         return HOST_HDC_ERR_NOMEM;
     }
