@@ -12,6 +12,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -46,8 +47,17 @@ uint64_t __dm_next_req_id()
 }
 
 // Room for at least one payload byte, so that an empty request still has a valid
-// destination for its (empty) copy.
-size_t payload_room(uint16_t len) { return len != 0 ? len : 1U; }
+// destination for its (empty) copy, rounded up so that the user data copy behind it is
+// aligned as a separate allocation would be: callers store pointers and numbers there.
+size_t payload_room(uint16_t len)
+{
+    constexpr size_t kAlign = alignof(std::max_align_t);
+    const size_t room = len != 0 ? len : 1U;
+    return (room + kAlign - 1) / kAlign * kAlign;
+}
+
+// The payload starts right behind the record, and the user data behind the payload.
+static_assert(sizeof(PendingReq) % alignof(std::max_align_t) == 0);
 
 uint8_t *payload_of(PendingReq *req) { return reinterpret_cast<uint8_t *>(req + 1); }
 
