@@ -217,13 +217,8 @@ void __dm_pending_req_del(Context *ctx, PendingReq *req)
 PendingReq *__dm_claim(Context *ctx, uint64_t id)
 {
     std::lock_guard<std::mutex> guard(ctx->requests.mutex);
-    auto found = ctx->requests.live.find(id);
-    if (found == ctx->requests.live.end()) {
-        return nullptr;
-    }
-    PendingReq *req = found->second;
-    ctx->requests.live.erase(found);
-    return req;
+    auto taken = ctx->requests.live.extract(id);
+    return taken.empty() ? nullptr : taken.mapped();
 }
 
 // Finds the record for its time-out work and marks it busy. Null when it is gone.
@@ -370,12 +365,11 @@ namespace {
 bool __dm_give_up(Context *ctx, uint64_t id)
 {
     std::lock_guard<std::mutex> guard(ctx->requests.mutex);
-    auto found = ctx->requests.live.find(id);
-    if (found == ctx->requests.live.end()) {
+    auto taken = ctx->requests.live.extract(id);
+    if (taken.empty()) {
         return false;
     }
-    PendingReq *req = found->second;
-    ctx->requests.live.erase(found);
+    PendingReq *req = taken.mapped();
     if (req->busy) {
         req->orphaned = true; // the poller thread deletes it when its time-out work ends
     } else {

@@ -7,10 +7,6 @@
 //
 // Prints the rate and the resident memory at the start and the end, and exits 0 only when
 // every request completed once with its own answer.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -25,6 +21,7 @@
 
 #include "dm_msg.h"
 #include "dm_udp.h"
+#include "udp/udp_test_support.h" // loopback_addr, bound_port (inline)
 
 namespace {
 
@@ -39,26 +36,6 @@ void fill_payload(uint64_t seq, uint8_t *out)
     for (uint32_t i = sizeof(seq); i < kPayloadLen; i++) {
         out[i] = static_cast<uint8_t>(seq * 31 + i);
     }
-}
-
-DM_ADDR_ST loopback(uint16_t port)
-{
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(port);
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    DM_ADDR_ST addr{};
-    addr.kind = DM_ADDR_KIND_UDP;
-    addr.family = DM_ADDR_FAMILY_UDP;
-    memcpy(addr.sa, &sin, sizeof(sin));
-    return addr;
-}
-
-uint16_t bound_port(int fd)
-{
-    sockaddr_in sin{};
-    socklen_t len = sizeof(sin);
-    return getsockname(fd, reinterpret_cast<sockaddr *>(&sin), &len) == 0 ? ntohs(sin.sin_port) : 0;
 }
 
 long rss_kib()
@@ -192,7 +169,7 @@ int main(int argc, char **argv)
     DM_CB_ST *ccb = nullptr;
     DM_INTF_ST *sintf = nullptr;
     DM_INTF_ST *cintf = nullptr;
-    DM_ADDR_ST any = loopback(0);
+    DM_ADDR_ST any = udp_test::loopback_addr(0);
     int ret = dm_init(&scb);
     if (ret != 0 || (ret = dm_init(&ccb)) != 0) {
         return fail("dm_init", ret);
@@ -204,7 +181,7 @@ int main(int argc, char **argv)
     dm_cmd_register(scb, server_handler, nullptr, nullptr, 1);
     // Short periods, so that dropped requests are re-sent within the run; 4 sends in all.
     cintf->set_retry(cintf, 3, 100);
-    DM_ADDR_ST server_addr = loopback(bound_port(sintf->fd));
+    DM_ADDR_ST server_addr = udp_test::loopback_addr(udp_test::bound_port(sintf->fd));
 
     const long rss_start = rss_kib();
     const auto start = std::chrono::steady_clock::now();
