@@ -11,6 +11,11 @@ set(VELMAR_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/velmar_sastox)
 set(VELMAR_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/velmar_sastox)
 
 set_target_properties(velmar_sastox PROPERTIES EXPORT_NAME sastox)
+# The core library needs its platform library, which is installed beside it. A program
+# linked with --as-needed that calls no platform function does not list that library
+# itself, and a program's own run path does not serve its libraries' dependencies: the
+# core library must find it on its own, from whatever prefix it was installed to.
+set_target_properties(velmar_sastox PROPERTIES INSTALL_RPATH "$ORIGIN")
 set_target_properties(velmar_hostplat PROPERTIES EXPORT_NAME hostplat)
 install(TARGETS velmar_sastox velmar_hostplat
   EXPORT velmar_sastox_targets
