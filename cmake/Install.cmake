@@ -36,6 +36,10 @@ set_target_properties(dmctl devmgr-device PROPERTIES
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS dmctl devmgr-device RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
+# What a packager expects beside the library: the licence and the list of changes.
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NEWS
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
 install(EXPORT velmar_sastox_targets
   NAMESPACE velmar::
   FILE velmar_sastoxTargets.cmake
