@@ -29,6 +29,7 @@ install(TARGETS velmar_sastox velmar_hostplat
 file(GLOB VELMAR_PUBLIC_HEADERS CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/include/*.h
   ${PROJECT_SOURCE_DIR}/platform/host/include/*.h)
+list(APPEND VELMAR_PUBLIC_HEADERS ${VELMAR_GENERATED_INCLUDEDIR}/velmar_version.h)
 install(FILES ${VELMAR_PUBLIC_HEADERS} DESTINATION ${VELMAR_INSTALL_INCLUDEDIR})
 
 # The tools find the libraries of their own prefix wherever it was installed.
