@@ -25,8 +25,11 @@ for name in velmar_sastox velmar_hostplat; do
   [ -f "$lib/lib$name.so.1.0.0" ] && [ -L "$lib/lib$name.so.1" ] || fail "lib$name.so.1 -> .so.1.0.0 missing"
   readelf -d "$lib/lib$name.so.1.0.0" | grep -q "SONAME.*\[lib$name.so.1\]" || fail "lib$name has no SONAME lib$name.so.1"
 done
-for header in velmar_sastox.h dm_msg.h dm_udp.h dm_hdc.h dm_platform.h host_platform.h host_hdc.h host_devmgr.h; do
+for header in velmar_sastox.h velmar_ext.h velmar_version.h dm_msg.h dm_udp.h dm_hdc.h dm_platform.h host_platform.h host_hdc.h host_devmgr.h; do
   [ -f "$prefix/include/velmar_sastox/$header" ] || fail "header $header not installed"
+done
+for doc in LICENSE NEWS; do
+  [ -f "$prefix/share/doc/velmar_sastox/$doc" ] || fail "$doc not installed"
 done
 # The tools run from the prefix without help (their RPATH points at its libraries).
 "$prefix/bin/dmctl" --help > /dev/null || fail "installed dmctl does not run"

@@ -80,6 +80,11 @@ int main(void)
     int waited = 0;
     int ok;
 
+    if (strcmp(velmar_version(), VELMAR_SASTOX_VERSION_STRING) != 0) {
+        fprintf(stderr, "consumer: headers of %s, library %s\n", VELMAR_SASTOX_VERSION_STRING,
+                velmar_version());
+        return 1;
+    }
     if (dm_init(&cb) != 0 || dm_cmd_register(cb, echo, NULL, NULL, 1) != 0) {
         fprintf(stderr, "consumer: cannot set up the framework\n");
         return 1;
