@@ -74,7 +74,7 @@ bool show_exchange(Exchange &ex, const Endpoint &ep, const std::string &text)
     Reply r;
     const int ret = ex.run(ep, bytes_of(text), r);
     if (ret != 0) {
-        printf("  FAILED: dm_send_req returned %d\n", ret);
+        printf("  FAILED: %s\n", returned("dm_send_req", ret).c_str());
         return false;
     }
     const std::string got = as_text(r.payload.data(), r.payload.size());

@@ -140,16 +140,14 @@ int report_send_failure(int ret, const Endpoint &ep)
                plural_sends(h->sends).c_str());
         return kExitTimedOut;
     }
-    std::string why = "dm_send_req returned " + std::to_string(ret);
+    std::string why = returned("dm_send_req", ret);
     if (ret == DM_ERR_SEND && ep.target.transport == Transport::ipc && cause == ENOENT) {
         why = "no device " + std::to_string(ep.target.number) +
               " in the device-manager simulator (" + host_devmgr_dir() +
               "); play one with: devmgr-device " + std::to_string(ep.target.number) + " echo";
-    } else if (ret == DM_ERR_SEND && cause > 0) {
-        why += ": the transport's send failed with " + std::to_string(cause) + " (" +
-               strerror(cause) + ")";
     } else if (ret == DM_ERR_SEND) {
-        why += ": the transport's send failed with " + std::to_string(cause);
+        // The transport's own result, seen by dmctl's wrapper around its send_msg slot.
+        why += "; the transport's " + returned("send_msg", cause);
     }
     fprintf(stderr, "dmctl send: cannot send to %s: %s\n", ep.label.c_str(), why.c_str());
     return kExitUsage;

@@ -82,7 +82,8 @@ void answer(ServeState &st, DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_le
         st.answered += ret == 0 ? 1 : 0;
     }
     if (st.verbose && ret != 0) {
-        printf("#%llu answer failed: %d\n", static_cast<unsigned long long>(seq), ret);
+        printf("#%llu answer failed: %s\n", static_cast<unsigned long long>(seq),
+               returned("dm_send_rsp", ret).c_str());
     } else if (st.verbose && late) {
         printf("#%llu answered\n", static_cast<unsigned long long>(seq));
     }

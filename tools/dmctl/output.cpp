@@ -8,6 +8,7 @@
 
 #include "dm_hdc.h"
 #include "dm_ipc.h"
+#include "velmar_ext.h"
 
 namespace dmctl {
 
@@ -108,6 +109,12 @@ std::string json_string(const std::string &text)
         }
     }
     return out + "\"";
+}
+
+std::string returned(const char *function, long long code)
+{
+    return std::string(function) + " returned " + std::to_string(code) + " (" +
+           velmar_strerror(function, code) + ")";
 }
 
 int64_t now_ns()
