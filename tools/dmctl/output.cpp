@@ -93,24 +93,6 @@ std::string format_ms(double ms)
     return text;
 }
 
-std::string json_string(const std::string &text)
-{
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char esc[8];
-            snprintf(esc, sizeof(esc), "\\u%04x", c);
-            out += esc;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
 std::string returned(const char *function, long long code)
 {
     return std::string(function) + " returned " + std::to_string(code) + " (" +
