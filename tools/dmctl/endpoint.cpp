@@ -206,6 +206,24 @@ std::string simulator_dir_problem(const std::string &dir, const char *env)
     return {}; // the simulator makes it on first use
 }
 
+std::string local_address_problem(const Target &target)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return {}; // no verdict; the library will say what fails
+    }
+    sockaddr_in probe = target.udp;
+    probe.sin_port = 0; // the address alone: the port may be taken, that is told later
+    const bool missing = bind(fd, reinterpret_cast<const sockaddr *>(&probe), sizeof(probe)) != 0 &&
+                         errno == EADDRNOTAVAIL;
+    close(fd);
+    if (!missing) {
+        return {};
+    }
+    return "cannot bind " + describe(target) +
+           ": the address is not one of this host's (--freebind binds it all the same)";
+}
+
 std::string open_server(Context &ctx, const Target &target, Endpoint &out)
 {
     out = Endpoint{};
