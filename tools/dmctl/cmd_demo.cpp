@@ -7,10 +7,12 @@
 // ephemeral UDP ports, which they report on their first lines.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "child.h"
@@ -212,6 +214,32 @@ std::string private_directory(std::string &dir)
     return {};
 }
 
+// SIGINT, SIGTERM or SIGHUP in the middle of the demo: the servers stop, the private
+// directory goes, and the demo ends with 128 + the signal's number. The signals are
+// blocked in every thread (the framework's threads inherit the mask) and taken by one
+// watcher thread, which may then use any call, unlike a signal handler.
+void watch_stop_signals(const std::string &dir)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::thread([set, dir] {
+        int sig = 0;
+        if (sigwait(&set, &sig) != 0) {
+            return;
+        }
+        fprintf(stderr, "dmctl demo: interrupted; stopping the servers, removing %s\n",
+                dir.c_str());
+        Child::stop_all();
+        std::error_code ignored;
+        std::filesystem::remove_all(dir, ignored);
+        _exit(128 + sig);
+    }).detach();
+}
+
 int demo(Server &a, Server &b)
 {
     bool ok = true;
@@ -265,6 +293,7 @@ int run_demo(int argc, char **argv)
     if (std::string why = private_directory(dir); !why.empty()) {
         return usage_error("demo", why);
     }
+    watch_stop_signals(dir);
     printf("dmctl demo: the framework over the self-loop, UDP and HDC\n"
            "(simulator directory %s, removed at the end)\n",
            dir.c_str());
