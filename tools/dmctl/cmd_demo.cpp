@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -217,7 +218,11 @@ std::string private_directory(std::string &dir)
 // SIGINT, SIGTERM or SIGHUP in the middle of the demo: the servers stop, the private
 // directory goes, and the demo ends with 128 + the signal's number. The signals are
 // blocked in every thread (the framework's threads inherit the mask) and taken by one
-// watcher thread, which may then use any call, unlike a signal handler.
+// watcher thread, which may then use any call, unlike a signal handler. The watcher
+// holds g_interrupt_lock from the signal to its _exit, so that a demo finishing meanwhile
+// waits for it rather than ending the process with its own status.
+std::mutex g_interrupt_lock;
+
 void watch_stop_signals(const std::string &dir)
 {
     sigset_t set;
@@ -231,6 +236,7 @@ void watch_stop_signals(const std::string &dir)
         if (sigwait(&set, &sig) != 0) {
             return;
         }
+        g_interrupt_lock.lock(); // never released: the process ends here
         fprintf(stderr, "dmctl demo: interrupted; stopping the servers, removing %s\n",
                 dir.c_str());
         Child::stop_all();
@@ -300,6 +306,9 @@ int run_demo(int argc, char **argv)
     Server a{{}, {}, "A"};
     Server b{{}, {}, "B"};
     const int status = demo(a, b);
+    {
+        std::lock_guard<std::mutex> not_interrupted(g_interrupt_lock);
+    }
     std::error_code ignored;
     std::filesystem::remove_all(dir, ignored);
     return status;
