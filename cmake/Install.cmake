@@ -11,6 +11,11 @@ set(VELMAR_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/velmar_sastox)
 set(VELMAR_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/velmar_sastox)
 
 set_target_properties(velmar_sastox PROPERTIES EXPORT_NAME sastox)
+# The core library needs its platform library, which is installed beside it. A program
+# linked with --as-needed that calls no platform function does not list that library
+# itself, and a program's own run path does not serve its libraries' dependencies: the
+# core library must find it on its own, from whatever prefix it was installed to.
+set_target_properties(velmar_sastox PROPERTIES INSTALL_RPATH "$ORIGIN")
 set_target_properties(velmar_hostplat PROPERTIES EXPORT_NAME hostplat)
 install(TARGETS velmar_sastox velmar_hostplat
   EXPORT velmar_sastox_targets
@@ -24,12 +29,17 @@ install(TARGETS velmar_sastox velmar_hostplat
 file(GLOB VELMAR_PUBLIC_HEADERS CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/include/*.h
   ${PROJECT_SOURCE_DIR}/platform/host/include/*.h)
+list(APPEND VELMAR_PUBLIC_HEADERS ${VELMAR_GENERATED_INCLUDEDIR}/velmar_version.h)
 install(FILES ${VELMAR_PUBLIC_HEADERS} DESTINATION ${VELMAR_INSTALL_INCLUDEDIR})
 
 # The tools find the libraries of their own prefix wherever it was installed.
 set_target_properties(dmctl devmgr-device PROPERTIES
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS dmctl devmgr-device RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# What a packager expects beside the library: the licence and the list of changes.
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NEWS
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 install(EXPORT velmar_sastox_targets
   NAMESPACE velmar::

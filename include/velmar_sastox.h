@@ -16,5 +16,6 @@
 #include "dm_hdc.h"
 #include "dm_smbus.h"
 #include "dm_udp.h"
+#include "velmar_ext.h"
 
 #endif /* VELMAR_SASTOX_H */

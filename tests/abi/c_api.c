@@ -2,9 +2,20 @@
  * exported functions link from C. Each subsystem's calls live in c_api_<subsystem>.c. */
 #include "c_api.h"
 
+#include <string.h>
+
 #include "velmar_sastox.h"
 
 int c_api_failures;
+
+/* The velmar_ extensions: small enough to live here. */
+static void check_ext(void)
+{
+    const char *reading = velmar_strerror("dm_send_req", DM_ERR_SEND);
+    CHECK(strcmp(velmar_version(), VELMAR_SASTOX_VERSION_STRING) == 0);
+    CHECK(reading != NULL && strstr(reading, "DM_ERR_SEND") != NULL);
+    CHECK(velmar_strerror(NULL, 0) != NULL);
+}
 
 int main(void)
 {
@@ -17,6 +28,7 @@ int main(void)
     check_ipc();
     check_udp();
     check_hdc();
+    check_ext();
     if (c_api_failures == 0) {
         printf("c api: all checks passed\n");
     }

@@ -1,52 +1,92 @@
-// The core library's dynamic symbol table must hold exactly the names of the C ABI:
-// nothing C++-mangled, no platform function (those belong to the platform layer).
+// The dynamic symbol tables of both libraries. The core library exports exactly the
+// specified names of the C ABI (exports/*.txt, one file per subsystem) and the extensions
+// (exports/extensions.list, all velmar_*): nothing C++-mangled, no platform function
+// (those belong to the platform layer). The platform library exports exactly its
+// documented functions (exports/hostplat.list), none of the C++ runtime.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <string>
 
+#include "velmar_ext.h"
+
 namespace {
 
-std::set<std::string> exported_names(const std::string &library)
+// Defined dynamic symbols of `library` with their nm type letter.
+std::map<std::string, char> exported_symbols(const std::string &library)
 {
-    std::set<std::string> names;
+    std::map<std::string, char> symbols;
     std::string command = "nm -D --defined-only --format=posix '" + library + "'";
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
         ADD_FAILURE() << "cannot run: " << command;
-        return names;
+        return symbols;
     }
     char line[1024];
     while (fgets(line, sizeof line, pipe) != nullptr) {
         std::string text(line);
-        std::string name = text.substr(0, text.find(' '));
-        if (!name.empty()) {
-            names.insert(name);
+        const size_t space = text.find(' ');
+        if (space != std::string::npos && space > 0 && space + 1 < text.size()) {
+            symbols[text.substr(0, space)] = text[space + 1];
         }
     }
     EXPECT_EQ(pclose(pipe), 0) << command;
+    return symbols;
+}
+
+std::set<std::string> exported_names(const std::string &library)
+{
+    std::set<std::string> names;
+    for (const auto &[name, type] : exported_symbols(library)) {
+        names.insert(name);
+    }
     return names;
 }
 
-std::set<std::string> expected_names()
+void read_list(const std::filesystem::path &path, std::set<std::string> &names)
+{
+    std::ifstream file(path);
+    EXPECT_TRUE(file.good()) << "cannot read " << path;
+    std::string line;
+    while (std::getline(file, line)) {
+        if (!line.empty() && line[0] != '#') {
+            names.insert(line);
+        }
+    }
+}
+
+// The specified names: every exports/*.txt.
+std::set<std::string> specified_names()
 {
     std::set<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(VELMAR_EXPORTS_DIR)) {
-        if (entry.path().extension() != ".txt") {
-            continue;
-        }
-        std::ifstream file(entry.path());
-        std::string line;
-        while (std::getline(file, line)) {
-            if (!line.empty() && line[0] != '#') {
-                names.insert(line);
-            }
+        if (entry.path().extension() == ".txt") {
+            read_list(entry.path(), names);
         }
     }
     return names;
+}
+
+std::set<std::string> listed(const char *file)
+{
+    std::set<std::string> names;
+    read_list(std::filesystem::path(VELMAR_EXPORTS_DIR) / file, names);
+    return names;
+}
+
+std::set<std::string> minus(const std::set<std::string> &a, const std::set<std::string> &b)
+{
+    std::set<std::string> out;
+    for (const auto &name : a) {
+        if (b.count(name) == 0) {
+            out.insert(name);
+        }
+    }
+    return out;
 }
 
 std::string join(const std::set<std::string> &names)
@@ -60,26 +100,52 @@ std::string join(const std::set<std::string> &names)
 
 } // namespace
 
-TEST(Exports, ExactlyTheListedNames)
+TEST(Exports, CoreExportsTheSpecifiedNamesAndTheListedExtensions)
 {
     const auto actual = exported_names(VELMAR_CORE_LIB);
-    const auto expected = expected_names();
-    ASSERT_FALSE(expected.empty());
+    const auto specified = specified_names();
+    const auto extensions = listed("extensions.list");
+    ASSERT_FALSE(specified.empty());
 
-    std::set<std::string> missing;
-    std::set<std::string> extra;
-    for (const auto &name : expected) {
-        if (actual.count(name) == 0) {
-            missing.insert(name);
-        }
+    for (const auto &name : extensions) {
+        EXPECT_EQ(name.rfind("velmar_", 0), 0U) << "extension without the velmar_ prefix: " << name;
+        EXPECT_EQ(specified.count(name), 0U) << "listed as specified and as extension: " << name;
     }
-    for (const auto &name : actual) {
-        if (expected.count(name) == 0) {
-            extra.insert(name);
-        }
+    for (const auto &name : specified) {
+        EXPECT_NE(name.rfind("velmar_", 0), 0U) << "specified name in the reserved prefix: " << name;
     }
-    EXPECT_TRUE(missing.empty()) << "listed but not exported:\n" << join(missing);
-    EXPECT_TRUE(extra.empty()) << "exported but not listed:\n" << join(extra);
+    auto known = specified;
+    known.insert(extensions.begin(), extensions.end());
+    EXPECT_TRUE(minus(specified, actual).empty())
+        << "specified but not exported:\n" << join(minus(specified, actual));
+    EXPECT_TRUE(minus(extensions, actual).empty())
+        << "extensions listed but not exported:\n" << join(minus(extensions, actual));
+    EXPECT_TRUE(minus(actual, known).empty())
+        << "exported but listed neither as specified nor as extension:\n" << join(minus(actual, known));
+}
+
+TEST(Exports, PlatformLibraryExportsExactlyItsDocumentedFunctions)
+{
+    const auto actual = exported_names(VELMAR_PLATFORM_LIB);
+    const auto documented = listed("hostplat.list");
+    ASSERT_FALSE(documented.empty());
+    EXPECT_TRUE(minus(documented, actual).empty())
+        << "listed but not exported:\n" << join(minus(documented, actual));
+    EXPECT_TRUE(minus(actual, documented).empty())
+        << "exported but not listed:\n" << join(minus(actual, documented));
+}
+
+// velmar_strerror reads a code by the function that returned it: every exported function
+// must be one it knows, or a new function's codes would read as "ambiguous".
+TEST(Exports, StrerrorKnowsEveryExportedFunction)
+{
+    for (const auto &[name, type] : exported_symbols(VELMAR_CORE_LIB)) {
+        if (type != 'T' || name.rfind("velmar_", 0) == 0) {
+            continue; // data, or an extension (they return no codes)
+        }
+        const std::string text = velmar_strerror(name.c_str(), 0x7ffffff0);
+        EXPECT_NE(text.rfind("ambiguous", 0), 0U) << name << " is unknown to velmar_strerror";
+    }
 }
 
 // Names of the platform layer's functions: exact names and name prefixes.

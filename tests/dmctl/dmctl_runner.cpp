@@ -113,33 +113,54 @@ Result run(const std::vector<std::string> &args, int timeout_ms)
     return r;
 }
 
-Server::Server(const std::vector<std::string> &args)
+Background::Background(const std::vector<std::string> &args, const std::string &wait_for)
 {
     use_private_simulator_dir();
-    std::vector<std::string> words{"serve"};
-    words.insert(words.end(), args.begin(), args.end());
-    pid_ = spawn(words, out_fd_, err_fd_);
+    pid_ = spawn(args, out_fd_, err_fd_);
     if (pid_ < 0) {
         return;
     }
     // Sanitizer builds start slowly; 30 s is far beyond any normal start.
     pump(out_fd_, err_fd_, seen_, now_ms() + 30000,
-         [this] { return seen_.out.find("\nready") != std::string::npos; });
-    ready_ = seen_.out.find("\nready") != std::string::npos;
-    const std::string key = "serving udp ";
-    if (size_t at = seen_.out.find(key); at != std::string::npos) {
-        udp_ = seen_.out.substr(at + key.size(), seen_.out.find('\n', at) - at - key.size());
-    }
+         [&] { return seen_.out.find(wait_for) != std::string::npos; });
+    ready_ = seen_.out.find(wait_for) != std::string::npos;
 }
 
-Server::~Server()
+Background::~Background()
 {
     if (pid_ > 0) {
         stop(SIGKILL);
     }
 }
 
-Result Server::stop(int sig)
+bool Background::wait_for(const std::string &text, int timeout_ms)
+{
+    auto seen = [&] {
+        return seen_.out.find(text) != std::string::npos ||
+               seen_.err.find(text) != std::string::npos;
+    };
+    pump(out_fd_, err_fd_, seen_, now_ms() + timeout_ms, seen);
+    return seen();
+}
+
+Server::Server(const std::vector<std::string> &args)
+    : Background([&args] {
+          std::vector<std::string> words{"serve"};
+          words.insert(words.end(), args.begin(), args.end());
+          return words;
+      }(),
+                 "ready") // "ready (pid N)" or {"event":"ready",...}
+{
+    for (const std::string key : {"serving udp ", "\"endpoint\":\"udp "}) {
+        if (size_t at = seen_.out.find(key); at != std::string::npos) {
+            const size_t from = at + key.size();
+            udp_ = seen_.out.substr(from, seen_.out.find_first_of("\n\"", from) - from);
+            break;
+        }
+    }
+}
+
+Result Background::stop(int sig)
 {
     if (pid_ > 0) {
         kill(pid_, sig);

@@ -20,17 +20,21 @@ struct Result {
 // Runs `dmctl args...` to its end (killed after `timeout_ms`).
 Result run(const std::vector<std::string> &args, int timeout_ms = 60000);
 
-// A `dmctl serve ...` in the background, ready once constructed.
-class Server {
+// A `dmctl args...` in the background, constructed once its standard output holds
+// `wait_for` (or after 30 s, then not ready).
+class Background {
 public:
-    explicit Server(const std::vector<std::string> &args);
-    ~Server();
-    Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
+    Background(const std::vector<std::string> &args, const std::string &wait_for);
+    ~Background();
+    Background(const Background &) = delete;
+    Background &operator=(const Background &) = delete;
 
     bool ready() const { return ready_; }
     pid_t pid() const { return pid_; }
-    std::string udp() const { return udp_; } // "127.0.0.1:PORT" of its first --udp
+    // What it printed so far.
+    const Result &seen() const { return seen_; }
+    // Reads its output until `text` is in its stdout or stderr; false after `timeout_ms`.
+    bool wait_for(const std::string &text, int timeout_ms);
     // SIGTERM (or `sig`), then everything it printed and its exit status.
     Result stop(int sig = 15);
 
@@ -39,8 +43,19 @@ private:
     int out_fd_ = -1;
     int err_fd_ = -1;
     bool ready_ = false;
-    std::string udp_;
+
+protected:
     Result seen_;
+};
+
+// A `dmctl serve ...` (text or --json) in the background, ready once constructed.
+class Server : public Background {
+public:
+    explicit Server(const std::vector<std::string> &args);
+    std::string udp() const { return udp_; } // "127.0.0.1:PORT" of its first --udp
+
+private:
+    std::string udp_;
 };
 
 // Sets VELMAR_HDC_DIR and VELMAR_DEVMGR_DIR to a fresh directory, once per process.

@@ -64,6 +64,9 @@ TEST(DmctlUsage, MistakesExitWithTwoAndNameTheProblem)
         {{"serve"}, "no transport given"},
         {{"serve", "--udp", taken.addr()}, "port in use"},
         {{"serve", "--udp", "127.0.0.1:0", "--drop", "2"}, "not a rate between 0 and 1"},
+        // 192.0.2.1 is reserved for documentation: no host has it.
+        {{"serve", "--udp", "192.0.2.1:5555"}, "not one of this host's"},
+        {{"send", "--udp", "127.0.0.1:5", "--json", "--raw", "x"}, "not both"},
         {{"bench", "--udp", "127.0.0.1:5", "-s", "5000"}, "-s: '5000' is out of range"},
         {{"bench", "--ipc", "3"}, "no responses to measure"},
         {{"demo", "now"}, "unexpected argument 'now'"},

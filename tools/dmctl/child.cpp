@@ -9,10 +9,33 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <mutex>
+#include <set>
 
 #include "output.h"
 
 namespace dmctl {
+
+namespace {
+
+// The children running now, for stop_all().
+std::mutex g_children_lock;
+std::set<pid_t> g_children; // under g_children_lock
+
+} // namespace
+
+void Child::stop_all()
+{
+    std::lock_guard<std::mutex> guard(g_children_lock);
+    for (const pid_t pid : g_children) {
+        kill(pid, SIGTERM);
+    }
+    for (const pid_t pid : g_children) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    g_children.clear();
+}
 
 Child::~Child()
 {
@@ -41,12 +64,21 @@ std::string Child::start(const std::vector<std::string> &args)
         return std::string("fork: ") + strerror(errno);
     }
     if (pid == 0) {
+        // The child starts with the signals it handles itself unblocked, whatever the
+        // parent's thread blocked.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         dup2(fds[1], STDOUT_FILENO);
         execv("/proc/self/exe", argv.data());
         _exit(127);
     }
     close(fds[1]);
+    {
+        std::lock_guard<std::mutex> guard(g_children_lock);
+        g_children.insert(pid);
+    }
     pid_ = pid;
     out_fd_ = fds[0];
     return {};
@@ -123,6 +155,10 @@ int Child::stop(std::vector<std::string> *tail)
         if (!buffer_.empty()) {
             tail->push_back(buffer_);
         }
+    }
+    {
+        std::lock_guard<std::mutex> guard(g_children_lock);
+        g_children.erase(pid_);
     }
     int status = 0;
     while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {

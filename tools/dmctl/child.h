@@ -34,6 +34,10 @@ public:
 
     pid_t pid() const { return pid_; }
 
+    // Stops every child still running (SIGTERM) and waits for them: for a process that
+    // is about to end on a signal. Any thread.
+    static void stop_all();
+
 private:
     bool read_some(int timeout_ms); // false at end of output
     bool take_line(std::string &line);

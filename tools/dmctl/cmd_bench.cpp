@@ -7,12 +7,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <csignal>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <semaphore>
 #include <thread>
 
@@ -20,6 +23,7 @@
 #include "commands.h"
 #include "counters.h"
 #include "endpoint.h"
+#include "json_out.h"
 #include "output.h"
 
 namespace dmctl {
@@ -42,8 +46,11 @@ const char kHelp[] =
     "  --timeout MS     period between sends (default 1000)\n"
     "  --json           one JSON object on stdout instead of the text report\n"
     "  -v, --verbose    the interface's counters at exit\n"
-    "A progress line is shown on a terminal. Exit status: 0 every request answered or\n"
-    "timed out and no anomaly, 1 anomalies or a stall, 2 usage or set-up error.\n"
+    "A progress line is shown on a terminal. SIGINT or SIGTERM ends the run early with a\n"
+    "partial report (JSON too). Latency figures come from answered requests only.\n"
+    "Exit status: 0 every request answered or timed out, at least one answered, and no\n"
+    "anomaly; 1 no answer at all, anomalies or a stall; 2 usage or set-up error;\n"
+    "128 + the signal's number when interrupted (130 for SIGINT).\n"
     "\n"
     "Example:\n"
     "  dmctl serve --udp 127.0.0.1:5555 &\n"
@@ -92,6 +99,7 @@ struct Bench {
     Results res;                                               // under lock
     std::vector<uint8_t> done;                                 // per request, under lock
     std::vector<std::unique_ptr<std::binary_semaphore>> slots; // HDC workers
+    std::vector<std::thread> workers;                          // HDC workers
 };
 
 bool is_echo(const Bench &b, const DM_MSG_ST *msg)
@@ -233,15 +241,19 @@ std::vector<Option> bench_options(BenchConfig &c)
 
 double percentile_ms(const std::vector<int64_t> &sorted, double p)
 {
-    if (sorted.empty()) {
-        return 0.0;
-    }
     const size_t rank = static_cast<size_t>(p * static_cast<double>(sorted.size() - 1) + 0.5);
     return static_cast<double>(sorted[std::min(rank, sorted.size() - 1)]) / 1e6;
 }
 
+// How a run ended.
+struct Ending {
+    bool stalled = false;
+    int signal = 0; // SIGINT or SIGTERM that interrupted it, else 0
+};
+
 struct Summary {
-    double elapsed_s, rate, p50, p90, p99, max;
+    double elapsed_s, rate;
+    std::optional<std::array<double, 4>> latency_ms; // p50, p90, p99, max: answered ones only
     uint64_t late;
 };
 
@@ -250,18 +262,25 @@ Summary summarise(Bench &b)
     Results &r = b.res;
     std::sort(r.latency_ns.begin(), r.latency_ns.end());
     Summary s{};
-    s.elapsed_s = static_cast<double>(r.last_ns - r.start_ns) / 1e9;
+    const int64_t end_ns = r.completed > 0 ? r.last_ns : now_ns();
+    s.elapsed_s = static_cast<double>(end_ns - r.start_ns) / 1e9;
     s.rate = s.elapsed_s > 0 ? static_cast<double>(r.answered) / s.elapsed_s : 0.0;
-    s.p50 = percentile_ms(r.latency_ns, 0.50);
-    s.p90 = percentile_ms(r.latency_ns, 0.90);
-    s.p99 = percentile_ms(r.latency_ns, 0.99);
-    s.max = r.latency_ns.empty() ? 0.0 : static_cast<double>(r.latency_ns.back()) / 1e6;
+    if (!r.latency_ns.empty()) {
+        s.latency_ms = {percentile_ms(r.latency_ns, 0.50), percentile_ms(r.latency_ns, 0.90),
+                        percentile_ms(r.latency_ns, 0.99),
+                        static_cast<double>(r.latency_ns.back()) / 1e6};
+    }
     const SlotCounters *c = counters_of(b.ep.intf);
     s.late = c != nullptr ? c->late.load() : 0;
     return s;
 }
 
-void print_text(const Bench &b, const Summary &s, bool stalled)
+const char *signal_name(int sig)
+{
+    return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal";
+}
+
+void print_text(const Bench &b, const Summary &s, const Ending &end)
 {
     const BenchConfig &c = b.cfg;
     const Results &r = b.res;
@@ -269,10 +288,20 @@ void print_text(const Bench &b, const Summary &s, bool stalled)
            b.ep.label.c_str(), static_cast<unsigned long long>(c.count),
            static_cast<unsigned long long>(c.size), static_cast<unsigned long long>(c.window),
            static_cast<long long>(c.retries), static_cast<long long>(c.timeout_ms));
+    if (end.signal != 0) {
+        printf("  interrupted   by %s after %llu of %llu requests: a partial report\n",
+               signal_name(end.signal), static_cast<unsigned long long>(r.completed),
+               static_cast<unsigned long long>(c.count));
+    }
     printf("  answered      %llu in %.3f s: %.0f round trips/s\n",
            static_cast<unsigned long long>(r.answered), s.elapsed_s, s.rate);
-    printf("  latency ms    p50 %s  p90 %s  p99 %s  max %s\n", format_ms(s.p50).c_str(),
-           format_ms(s.p90).c_str(), format_ms(s.p99).c_str(), format_ms(s.max).c_str());
+    if (s.latency_ms) {
+        const auto &l = *s.latency_ms;
+        printf("  latency ms    p50 %s  p90 %s  p99 %s  max %s\n", format_ms(l[0]).c_str(),
+               format_ms(l[1]).c_str(), format_ms(l[2]).c_str(), format_ms(l[3]).c_str());
+    } else {
+        printf("  latency ms    none: no request was answered\n");
+    }
     printf("  time-outs     %llu\n  send failures %llu\n",
            static_cast<unsigned long long>(r.timeouts),
            static_cast<unsigned long long>(r.send_failures));
@@ -284,53 +313,84 @@ void print_text(const Bench &b, const Summary &s, bool stalled)
            static_cast<unsigned long long>(r.mismatches));
     printf("  late answers  %llu (dropped by the framework)\n",
            static_cast<unsigned long long>(s.late));
-    if (stalled) {
+    if (end.stalled) {
         printf("  stalled: %llu requests never completed\n",
                static_cast<unsigned long long>(c.count - r.completed));
     }
 }
 
-void print_json(const Bench &b, const Summary &s, bool stalled)
+void print_json_report(const Bench &b, const Summary &s, const Ending &end)
 {
     const BenchConfig &c = b.cfg;
     const Results &r = b.res;
-    printf("{\"transport\":%s,\"target\":%s,\"count\":%llu,\"in_flight\":%llu,\"size\":%llu,"
-           "\"retries\":%lld,\"timeout_ms\":%lld,\"completed\":%llu,\"answered\":%llu,\"timeouts\":"
-           "%llu,"
-           "\"send_failures\":%llu,\"elapsed_s\":%.6f,\"round_trips_per_s\":%.1f,"
-           "\"latency_ms\":{\"p50\":%.4f,\"p90\":%.4f,\"p99\":%.4f,\"max\":%.4f},"
-           "\"anomalies\":{\"duplicate_callbacks\":%llu,\"unexpected_callbacks\":%llu,\"not_echo\":"
-           "%llu},"
-           "\"late_answers\":%llu,\"stalled\":%s}\n",
-           json_string(transport_name(b.ep.target.transport)).c_str(),
-           json_string(b.ep.label).c_str(), static_cast<unsigned long long>(c.count),
-           static_cast<unsigned long long>(c.window), static_cast<unsigned long long>(c.size),
-           static_cast<long long>(c.retries), static_cast<long long>(c.timeout_ms),
-           static_cast<unsigned long long>(r.completed),
-           static_cast<unsigned long long>(r.answered), static_cast<unsigned long long>(r.timeouts),
-           static_cast<unsigned long long>(r.send_failures), s.elapsed_s, s.rate, s.p50, s.p90,
-           s.p99, s.max, static_cast<unsigned long long>(r.duplicates),
-           static_cast<unsigned long long>(r.unexpected),
-           static_cast<unsigned long long>(r.mismatches), static_cast<unsigned long long>(s.late),
-           stalled ? "true" : "false");
+    Json j;
+    j["transport"] = transport_name(b.ep.target.transport);
+    j["target"] = b.ep.label;
+    j["count"] = c.count;
+    j["in_flight"] = c.window;
+    j["size"] = c.size;
+    j["retries"] = c.retries;
+    j["timeout_ms"] = c.timeout_ms;
+    j["completed"] = r.completed;
+    j["answered"] = r.answered;
+    j["timeouts"] = r.timeouts;
+    j["send_failures"] = r.send_failures;
+    j["elapsed_s"] = s.elapsed_s;
+    j["round_trips_per_s"] = s.rate;
+    if (s.latency_ms) {
+        const auto &l = *s.latency_ms;
+        j["latency_ms"] = {{"p50", l[0]}, {"p90", l[1]}, {"p99", l[2]}, {"max", l[3]}};
+    } else {
+        j["latency_ms"] = nullptr; // no sample, no figures
+    }
+    j["anomalies"] = {{"duplicate_callbacks", r.duplicates},
+                      {"unexpected_callbacks", r.unexpected},
+                      {"not_echo", r.mismatches}};
+    j["late_answers"] = s.late;
+    j["stalled"] = end.stalled;
+    j["interrupted"] = end.signal != 0 ? Json(signal_name(end.signal)) : Json(nullptr);
+    print_json(stdout, j);
 }
 
-// Waits until every request completed; false when nothing moved for too long (lost
-// requests that no time-out will ever report, such as failed HDC sessions).
-bool wait_for_completion(Bench &b)
+// The stop signals, blocked in every thread (the poller and the workers inherit the mask)
+// so that the waiting loop alone takes them and the report is still written.
+sigset_t block_stop_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return set;
+}
+
+// A stop signal that is pending, taken; 0 when none is.
+int take_stop_signal(const sigset_t &stop)
+{
+    const timespec now{0, 0};
+    const int sig = sigtimedwait(&stop, nullptr, &now);
+    return sig > 0 ? sig : 0;
+}
+
+// Waits until every request completed, a stop signal came, or nothing moved for too
+// long (lost requests that no time-out will ever report, such as failed HDC sessions).
+Ending wait_for_completion(Bench &b, const sigset_t &stop)
 {
     const bool progress = isatty(STDERR_FILENO) != 0;
     const int64_t stall_ns = (b.cfg.retries + 1) * b.cfg.timeout_ms * 1000000 + 20 * 1000000000LL;
     std::unique_lock<std::mutex> lock(b.lock);
     uint64_t seen = 0;
     int64_t moved_ns = now_ns();
-    while (b.res.completed < b.cfg.count) {
-        b.cv.wait_for(lock, std::chrono::milliseconds(200));
+    Ending end;
+    while (b.res.completed < b.cfg.count && end.signal == 0) {
+        b.cv.wait_for(lock, std::chrono::milliseconds(100));
+        end.signal = take_stop_signal(stop);
         const int64_t now = now_ns();
         if (b.res.completed != seen) {
             seen = b.res.completed;
             moved_ns = now;
         } else if (now - moved_ns > stall_ns) {
+            end.stalled = true;
             break;
         }
         if (progress) {
@@ -345,42 +405,45 @@ bool wait_for_completion(Bench &b)
     if (progress) {
         fputs("\r\033[K", stderr);
     }
-    return b.res.completed == b.cfg.count;
+    return end;
 }
 
-// Starts the load and waits for it; returns whether it completed.
-bool run_load(Bench &b)
+// Starts the load: over HDC one worker thread per in-flight slot, else the first window
+// of requests, whose callbacks send the rest.
+void start_load(Bench &b)
 {
     b.res.start_ns = now_ns();
-    std::vector<std::thread> workers;
     const uint64_t window = std::min(b.cfg.window, b.cfg.count);
     if (b.ep.target.transport == Transport::hdc) {
         for (uint32_t w = 0; w < window; ++w) {
             b.slots.push_back(std::make_unique<std::binary_semaphore>(0));
         }
         for (uint32_t w = 0; w < window; ++w) {
-            workers.emplace_back(hdc_worker, std::ref(b), w);
+            b.workers.emplace_back(hdc_worker, std::ref(b), w);
         }
     } else {
         for (uint64_t i = 0; i < window; ++i) {
             issue_next(b);
         }
     }
-    const bool complete = wait_for_completion(b);
-    if (!complete) {
-        b.issued.store(b.cfg.count); // workers stop after their current request
-        for (auto &slot : b.slots) {
-            slot->release();
-        }
+}
+
+// Stops issuing and lets the workers go; an HDC worker leaves once its current send is
+// over (at most the session's 15 s).
+void stop_load(Bench &b)
+{
+    b.issued.store(b.cfg.count);
+    for (auto &slot : b.slots) {
+        slot->release();
     }
-    for (std::thread &t : workers) {
+    for (std::thread &t : b.workers) {
         t.join();
     }
-    return complete;
 }
 
 int bench(Bench &b)
 {
+    const sigset_t stop = block_stop_signals();
     Context ctx;
     std::string why = ctx.init(nullptr, nullptr);
     if (why.empty()) {
@@ -397,14 +460,25 @@ int bench(Bench &b)
     }
     b.done.assign(b.cfg.count, 0);
     b.res.latency_ns.reserve(b.cfg.count);
-    const bool complete = run_load(b);
-    std::lock_guard<std::mutex> guard(b.lock);
-    const Summary s = summarise(b);
-    (b.cfg.json ? print_json : print_text)(b, s, !complete);
-    if (b.cfg.verbose) {
-        print_counters(b.cfg.json ? stderr : stdout);
+    start_load(b);
+    const Ending end = wait_for_completion(b, stop);
+    int status = kExitOk;
+    {
+        // The report first, also when interrupted: the load goes down afterwards.
+        std::lock_guard<std::mutex> guard(b.lock);
+        const Summary s = summarise(b);
+        (b.cfg.json ? print_json_report : print_text)(b, s, end);
+        if (b.cfg.verbose) {
+            print_counters(b.cfg.json ? stderr : stdout);
+        }
+        if (end.signal != 0) {
+            status = 128 + end.signal;
+        } else if (end.stalled || b.res.answered == 0 || b.res.anomalies() != 0) {
+            status = kExitTimedOut;
+        }
     }
-    return complete && b.res.anomalies() == 0 ? kExitOk : kExitTimedOut;
+    stop_load(b);
+    return status;
 }
 
 } // namespace

@@ -7,10 +7,13 @@
 // ephemeral UDP ports, which they report on their first lines.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "child.h"
@@ -74,7 +77,7 @@ bool show_exchange(Exchange &ex, const Endpoint &ep, const std::string &text)
     Reply r;
     const int ret = ex.run(ep, bytes_of(text), r);
     if (ret != 0) {
-        printf("  FAILED: dm_send_req returned %d\n", ret);
+        printf("  FAILED: %s\n", returned("dm_send_req", ret).c_str());
         return false;
     }
     const std::string got = as_text(r.payload.data(), r.payload.size());
@@ -212,6 +215,37 @@ std::string private_directory(std::string &dir)
     return {};
 }
 
+// SIGINT, SIGTERM or SIGHUP in the middle of the demo: the servers stop, the private
+// directory goes, and the demo ends with 128 + the signal's number. The signals are
+// blocked in every thread (the framework's threads inherit the mask) and taken by one
+// watcher thread, which may then use any call, unlike a signal handler. The watcher
+// holds g_interrupt_lock from the signal to its _exit, so that a demo finishing meanwhile
+// waits for it rather than ending the process with its own status.
+std::mutex g_interrupt_lock;
+
+void watch_stop_signals(const std::string &dir)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::thread([set, dir] {
+        int sig = 0;
+        if (sigwait(&set, &sig) != 0) {
+            return;
+        }
+        g_interrupt_lock.lock(); // never released: the process ends here
+        fprintf(stderr, "dmctl demo: interrupted; stopping the servers, removing %s\n",
+                dir.c_str());
+        Child::stop_all();
+        std::error_code ignored;
+        std::filesystem::remove_all(dir, ignored);
+        _exit(128 + sig);
+    }).detach();
+}
+
 int demo(Server &a, Server &b)
 {
     bool ok = true;
@@ -265,12 +299,16 @@ int run_demo(int argc, char **argv)
     if (std::string why = private_directory(dir); !why.empty()) {
         return usage_error("demo", why);
     }
+    watch_stop_signals(dir);
     printf("dmctl demo: the framework over the self-loop, UDP and HDC\n"
            "(simulator directory %s, removed at the end)\n",
            dir.c_str());
     Server a{{}, {}, "A"};
     Server b{{}, {}, "B"};
     const int status = demo(a, b);
+    {
+        std::lock_guard<std::mutex> not_interrupted(g_interrupt_lock);
+    }
     std::error_code ignored;
     std::filesystem::remove_all(dir, ignored);
     return status;

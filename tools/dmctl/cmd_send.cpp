@@ -1,8 +1,13 @@
 // dmctl send: one request, its answer or its time-out.
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 #include "cli.h"
 #include "commands.h"
@@ -10,6 +15,7 @@
 #include "dm_ipc.h"
 #include "endpoint.h"
 #include "host_devmgr.h"
+#include "json_out.h"
 #include "output.h"
 #include "request.h"
 
@@ -19,23 +25,28 @@ namespace {
 
 const char kHelp[] =
     "usage: dmctl send (--udp ADDR:PORT | --hdc N | --ipc DEV) (TEXT | --hex HEX | --file PATH)\n"
-    "                  [--retries N] [--timeout MS] [-v]\n"
+    "                  [--retries N] [--timeout MS] [--library-defaults] [--json | --raw] [-v]\n"
     "\n"
     "Sends one request and prints the answer as text and as a hex dump.\n"
-    "  --udp ADDR:PORT  to a UDP server (defaults: 2 re-sends, 30000 ms apart)\n"
+    "  --udp ADDR:PORT  to a UDP server\n"
     "  --hdc N          to the HDC server of device N (host simulator, VELMAR_HDC_DIR;\n"
-    "                   no re-sends, 20000 ms; the send itself waits up to 15 s)\n"
+    "                   the send itself waits up to 15 s for the answer)\n"
     "  --ipc DEV        to device DEV over the device-manager channel (VELMAR_DEVMGR_DIR;\n"
     "                   at most 255 bytes). The device's answer comes back as a message\n"
     "                   of its own, not as a response: the first one is taken as the answer\n"
     "  TEXT             the payload (several words are joined by spaces)\n"
     "  --hex HEX        the payload in hex (\"01 02 ff\" or \"0102ff\")\n"
     "  --file PATH      the payload from a file (at most 4096 bytes)\n"
-    "  --retries N      re-sends after a time-out (negative: wait for ever)\n"
-    "  --timeout MS     period between sends, and until the time-out\n"
-    "  -v, --verbose    the interface's counters at exit\n"
+    "  --retries N      re-sends after a time-out (default 2; negative: wait for ever)\n"
+    "  --timeout MS     period between sends, and until the time-out (default 1000)\n"
+    "  --library-defaults  the interface's own re-sends and period instead (UDP: 2 re-sends\n"
+    "                   30000 ms apart, a minute of silence; HDC: none, 20000 ms)\n"
+    "  --json           one JSON object on stdout: the outcome, the sends, the payload\n"
+    "  --raw            only the answer's payload bytes on stdout (nothing on a time-out)\n"
+    "  -v, --verbose    the interface's counters at exit (on stderr with --json or --raw)\n"
     "The request goes out N+1 times, one period apart; with the last send the framework\n"
-    "reports the time-out, N periods after the first send.\n"
+    "reports the time-out, N periods after the first send (one period when N is 0). When\n"
+    "no answer has come after a second, a line on stderr says how long send will wait.\n"
     "Exit status: 0 answered, 1 timed out, 2 usage or set-up error.\n"
     "\n"
     "Example:\n"
@@ -47,8 +58,18 @@ struct SendOptions {
     bool have_payload = false;
     std::optional<int64_t> retries;
     std::optional<int64_t> timeout_ms;
+    bool library_defaults = false;
+    bool json = false;
+    bool raw = false;
     bool verbose = false;
 };
+
+// Answers within seconds: a shell user waits for them. The library's UDP defaults (a
+// minute of silence) are one flag away.
+constexpr int64_t kInteractiveRetries = 2;
+constexpr int64_t kInteractiveTimeoutMs = 1000;
+constexpr int kHdcSessionWaitS = 15; // the HDC client's five receives of 3 s
+constexpr auto kNoticeAfter = std::chrono::seconds(1);
 
 std::vector<Option> send_options(SendOptions &o)
 {
@@ -74,10 +95,16 @@ std::vector<Option> send_options(SendOptions &o)
                            o.timeout_ms = ms;
                            return why;
                        }});
-    options.push_back({"--verbose", "-v", false, [&o](const std::string &) {
-                           o.verbose = true;
-                           return std::string();
-                       }});
+    auto flag = [&options](const char *name, const char *alias, bool &target) {
+        options.push_back({name, alias, false, [&target](const std::string &) {
+                               target = true;
+                               return std::string();
+                           }});
+    };
+    flag("--library-defaults", nullptr, o.library_defaults);
+    flag("--json", nullptr, o.json);
+    flag("--raw", nullptr, o.raw);
+    flag("--verbose", "-v", o.verbose);
     return options;
 }
 
@@ -102,6 +129,9 @@ std::string check_options(SendOptions &o, const std::vector<std::string> &words)
     if (!o.have_payload) {
         return "no payload (TEXT, --hex HEX or --file PATH)";
     }
+    if (o.json && o.raw) {
+        return "give --json or --raw, not both";
+    }
     if (o.payload.size() > DM_MAX_DATA_LEN) {
         return "payload of " + std::to_string(o.payload.size()) + " bytes, more than " +
                std::to_string(DM_MAX_DATA_LEN);
@@ -112,15 +142,50 @@ std::string check_options(SendOptions &o, const std::vector<std::string> &words)
     return {};
 }
 
-int report(const Reply &r, const Endpoint &ep)
+Json history_json(const SendHistory &h)
+{
+    Json times = Json::array();
+    const uint32_t kept = std::min<uint32_t>(h.sends, SendHistory::kKeptTimes);
+    for (uint32_t i = 0; i < kept; ++i) {
+        times.push_back(static_cast<double>(h.at_ns[i] - h.at_ns[0]) / 1e6);
+    }
+    return {{"sends", h.sends}, {"send_times_ms", times}};
+}
+
+int report_json(const Reply &r, const Endpoint &ep)
+{
+    Json j;
+    j["result"] = r.timed_out ? "timed_out" : r.device_message ? "device_message" : "answer";
+    j["target"] = ep.label;
+    j.update(history_json(r.history));
+    j["after_ms"] = r.after_ms;
+    if (!r.timed_out) {
+        j["from"] = r.from;
+        j.update(payload_json(r.payload.data(), r.payload.size()));
+    }
+    print_json(stdout, j);
+    return r.timed_out ? kExitTimedOut : kExitOk;
+}
+
+int report(const Reply &r, const Endpoint &ep, const SendOptions &o)
 {
     const SendHistory &h = r.history;
+    if (o.json) {
+        return report_json(r, ep);
+    }
     if (r.timed_out) {
-        printf(
-            "timed out: no answer from %s after %s (at %s); the time-out response came at %s ms\n",
-            ep.label.c_str(), plural_sends(h.sends).c_str(), send_times(h).c_str(),
-            format_ms(r.after_ms).c_str());
+        // With --raw standard output carries payload bytes only.
+        fprintf(o.raw ? stderr : stdout,
+                "timed out: no answer from %s after %s (at %s); the time-out response came at "
+                "%s ms\n",
+                ep.label.c_str(), plural_sends(h.sends).c_str(), send_times(h).c_str(),
+                format_ms(r.after_ms).c_str());
         return kExitTimedOut;
+    }
+    if (o.raw) {
+        fwrite(r.payload.data(), 1, r.payload.size(), stdout);
+        fflush(stdout);
+        return kExitOk;
     }
     printf("%s from %s after %s in %s ms: %zu bytes\n",
            r.device_message ? "device message" : "answer", r.from.c_str(),
@@ -131,38 +196,96 @@ int report(const Reply &r, const Endpoint &ep)
 }
 
 // dm_send_req failed; send_msg's own result tells why.
-int report_send_failure(int ret, const Endpoint &ep)
+int report_send_failure(int ret, const Endpoint &ep, const SendOptions &o)
 {
     const std::optional<SendHistory> h = latest_history();
     const int32_t cause = h ? h->last_result : 0;
     if (ret == DM_ERR_SEND && ep.target.transport == Transport::hdc && cause == 16) {
-        printf("timed out: no answer from %s on its session within 15 s (%s)\n", ep.label.c_str(),
-               plural_sends(h->sends).c_str());
+        if (o.json) {
+            Json j{{"result", "timed_out"}, {"target", ep.label}};
+            j.update(history_json(*h));
+            print_json(stdout, j);
+        } else {
+            fprintf(o.raw ? stderr : stdout,
+                    "timed out: no answer from %s on its session within %d s (%s)\n",
+                    ep.label.c_str(), kHdcSessionWaitS, plural_sends(h->sends).c_str());
+        }
         return kExitTimedOut;
     }
-    std::string why = "dm_send_req returned " + std::to_string(ret);
+    std::string why = returned("dm_send_req", ret);
     if (ret == DM_ERR_SEND && ep.target.transport == Transport::ipc && cause == ENOENT) {
         why = "no device " + std::to_string(ep.target.number) +
               " in the device-manager simulator (" + host_devmgr_dir() +
               "); play one with: devmgr-device " + std::to_string(ep.target.number) + " echo";
-    } else if (ret == DM_ERR_SEND && cause > 0) {
-        why += ": the transport's send failed with " + std::to_string(cause) + " (" +
-               strerror(cause) + ")";
     } else if (ret == DM_ERR_SEND) {
-        why += ": the transport's send failed with " + std::to_string(cause);
+        // The transport's own result, seen by dmctl's wrapper around its send_msg slot.
+        why += "; the transport's " + returned("send_msg", cause);
     }
     fprintf(stderr, "dmctl send: cannot send to %s: %s\n", ep.label.c_str(), why.c_str());
     return kExitUsage;
 }
 
-void apply_retry(const SendOptions &o, DM_INTF_ST *intf)
+// Sets the interface's re-sends and period; returns what a waiting user is told.
+std::string apply_retry(const SendOptions &o, const Endpoint &ep)
 {
     int32_t retries = 0;
-    uint32_t timeout_ms = 0;
-    intf->get_retry(intf, &retries, &timeout_ms);
-    intf->set_retry(intf, static_cast<int32_t>(o.retries.value_or(retries)),
-                    static_cast<uint32_t>(o.timeout_ms.value_or(timeout_ms)));
+    uint32_t period_ms = 0;
+    ep.intf->get_retry(ep.intf, &retries, &period_ms);
+    if (!o.library_defaults) {
+        retries = static_cast<int32_t>(kInteractiveRetries);
+        period_ms = static_cast<uint32_t>(kInteractiveTimeoutMs);
+    }
+    retries = static_cast<int32_t>(o.retries.value_or(retries));
+    period_ms = static_cast<uint32_t>(o.timeout_ms.value_or(period_ms));
+    ep.intf->set_retry(ep.intf, retries, period_ms);
+
+    const std::string sends = plural_sends(static_cast<uint32_t>(retries < 0 ? 1 : retries + 1));
+    std::string when;
+    if (ep.target.transport == Transport::hdc) {
+        when = "waiting up to " + std::to_string(kHdcSessionWaitS) + " s on the HDC session";
+    } else if (retries < 0) {
+        when = "waiting for ever (negative --retries: no time-out)";
+    } else {
+        const double wait_s = static_cast<double>(std::max(retries, 1)) * period_ms / 1000.0;
+        char text[160];
+        snprintf(text, sizeof(text), "waiting until %g s after the first send (%s, %u ms apart)",
+                 wait_s, sends.c_str(), period_ms);
+        when = text;
+    }
+    return "no answer yet from " + ep.label + "; " + when +
+           (o.library_defaults ? "" : "; --retries and --timeout change it");
 }
+
+// Says on stderr how long the wait will be, once an answer has been a second in coming.
+class WaitNotice {
+public:
+    explicit WaitNotice(std::string text)
+        : thread_([this, text = std::move(text)] {
+              std::unique_lock<std::mutex> lock(lock_);
+              if (!cv_.wait_for(lock, kNoticeAfter, [this] { return done_; })) {
+                  fprintf(stderr, "dmctl send: %s\n", text.c_str());
+              }
+          })
+    {
+    }
+    ~WaitNotice()
+    {
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            done_ = true;
+        }
+        cv_.notify_one();
+        thread_.join();
+    }
+    WaitNotice(const WaitNotice &) = delete;
+    WaitNotice &operator=(const WaitNotice &) = delete;
+
+private:
+    std::mutex lock_;
+    std::condition_variable cv_;
+    bool done_ = false;
+    std::thread thread_; // last: starts once the members it uses exist
+};
 
 int send_one(const SendOptions &o)
 {
@@ -176,12 +299,15 @@ int send_one(const SendOptions &o)
     if (!why.empty()) {
         return usage_error("send", why);
     }
-    apply_retry(o, ep.intf);
     Reply reply;
-    const int ret = exchange.run(ep, o.payload, reply);
-    const int status = ret == 0 ? report(reply, ep) : report_send_failure(ret, ep);
+    int ret = 0;
+    {
+        WaitNotice notice(apply_retry(o, ep));
+        ret = exchange.run(ep, o.payload, reply);
+    }
+    const int status = ret == 0 ? report(reply, ep, o) : report_send_failure(ret, ep, o);
     if (o.verbose) {
-        print_counters(stdout);
+        print_counters(o.json || o.raw ? stderr : stdout);
     }
     return status;
 }

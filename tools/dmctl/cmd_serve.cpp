@@ -18,7 +18,10 @@
 #include "commands.h"
 #include "counters.h"
 #include "endpoint.h"
+#include "host_platform.h"
+#include "json_out.h"
 #include "output.h"
+#include "velmar_ext.h"
 
 namespace dmctl {
 
@@ -26,10 +29,12 @@ namespace {
 
 const char kHelp[] =
     "usage: dmctl serve (--udp ADDR:PORT | --hdc N | --ipc DEV)... [--delay MS]\n"
-    "                   [--drop RATE] [--seed N] [-v]\n"
+    "                   [--drop RATE] [--seed N] [--freebind] [--json] [-v]\n"
     "\n"
-    "Answers every request with its own payload, until SIGINT or SIGTERM.\n"
+    "Answers every request with its own payload, until SIGINT or SIGTERM (SIGHUP does\n"
+    "not stop it).\n"
     "  --udp ADDR:PORT  bind this IPv4 address and port (port 0: the kernel picks one)\n"
+    "  --freebind       bind a UDP address that this host does not have (yet)\n"
     "  --hdc N          be the HDC server of device N (host simulator, VELMAR_HDC_DIR)\n"
     "  --ipc DEV        answer what device DEV sends over the device-manager channel\n"
     "                   (host simulator, VELMAR_DEVMGR_DIR; play the device with\n"
@@ -37,9 +42,12 @@ const char kHelp[] =
     "  --delay MS       hold each answer MS milliseconds (shows re-sends and time-outs)\n"
     "  --drop RATE      ignore this fraction of requests, 0 to 1\n"
     "  --seed N         seed of the drop decisions (default: random, printed with -v)\n"
+    "  --json           one JSON object per line on stdout: each endpoint, \"ready\", each\n"
+    "                   request, the stop (and with -v the summary; counters on stderr)\n"
     "  -v, --verbose    one line per request; counters at exit\n"
     "Several transports may be given at once. Once everything is open it prints one\n"
     "line per endpoint (\"serving udp 127.0.0.1:40000\") and then \"ready\".\n"
+    "What the library logs while the endpoints open comes after dmctl's own message.\n"
     "Over HDC the transport rewrites bytes 8..11 of a payload (a service header's length\n"
     "word), so payloads of 9 bytes or more come back changed there.\n"
     "\n"
@@ -51,6 +59,8 @@ struct ServeState {
     uint32_t delay_ms = 0;
     double drop_rate = 0.0;
     bool verbose = false;
+    bool json = false;
+    bool freebind = false;
     std::mt19937_64 rng; // poller thread only
     std::atomic<uint64_t> requests{0}, dropped{0};
     std::mutex lock;
@@ -81,8 +91,16 @@ void answer(ServeState &st, DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_le
         std::lock_guard<std::mutex> guard(st.lock);
         st.answered += ret == 0 ? 1 : 0;
     }
-    if (st.verbose && ret != 0) {
-        printf("#%llu answer failed: %d\n", static_cast<unsigned long long>(seq), ret);
+    if (st.json && (ret != 0 || late)) {
+        Json j{{"event", ret == 0 ? "answered" : "answer_failed"}, {"seq", seq}};
+        if (ret != 0) {
+            j["code"] = ret;
+            j["reason"] = velmar_strerror("dm_send_rsp", ret);
+        }
+        print_json(stdout, j);
+    } else if (st.verbose && ret != 0) {
+        printf("#%llu answer failed: %s\n", static_cast<unsigned long long>(seq),
+               returned("dm_send_rsp", ret).c_str());
     } else if (st.verbose && late) {
         printf("#%llu answered\n", static_cast<unsigned long long>(seq));
     }
@@ -136,7 +154,16 @@ int32_t on_request(DM_INTF_ST *intf, DM_MSG_ST *msg, void *user_data, uint32_t) 
     const bool drop =
         st.drop_rate > 0 && std::uniform_real_distribution<double>(0, 1)(st.rng) < st.drop_rate;
     const bool hold = !drop && st.delay_ms > 0 && hold_answer(st, intf, msg, seq);
-    if (st.verbose) {
+    if (st.json) {
+        Json j{{"event", "request"},      {"seq", seq},
+               {"interface", intf->name}, {"from", describe_addr(msg->addr)}};
+        j.update(payload_json(msg->data.data, len));
+        j["verdict"] = drop ? "dropped" : hold ? "held" : "answered";
+        if (hold) {
+            j["delay_ms"] = st.delay_ms;
+        }
+        print_json(stdout, j);
+    } else if (st.verbose) {
         const std::string verdict = drop   ? "dropped"
                                     : hold ? "answer in " + std::to_string(st.delay_ms) + " ms"
                                            : "answered";
@@ -155,14 +182,15 @@ int32_t on_request(DM_INTF_ST *intf, DM_MSG_ST *msg, void *user_data, uint32_t) 
     return 0;
 }
 
-// Blocks the stop signals in every thread (the poller and the transports' threads
-// inherit the mask), so that sigwait in main is the only place they arrive.
+// Blocks the stop signals and SIGHUP in every thread (the poller and the transports'
+// threads inherit the mask), so that sigwait in main is the only place they arrive.
 sigset_t block_stop_signals()
 {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     return set;
 }
@@ -184,21 +212,131 @@ std::vector<Option> serve_options(std::vector<Target> &targets, ServeState &st, 
                            seeded = true;
                            return parse_u64(v, 0, INT64_MAX, seed);
                        }});
-    options.push_back({"--verbose", "-v", false, [&st](const std::string &) {
-                           st.verbose = true;
-                           return std::string();
-                       }});
+    auto flag = [&options](const char *name, const char *alias, bool &target) {
+        options.push_back({name, alias, false, [&target](const std::string &) {
+                               target = true;
+                               return std::string();
+                           }});
+    };
+    flag("--freebind", nullptr, st.freebind);
+    flag("--json", nullptr, st.json);
+    flag("--verbose", "-v", st.verbose);
     return options;
 }
 
 void print_summary(ServeState &st)
 {
     std::lock_guard<std::mutex> guard(st.lock);
+    if (st.json) {
+        print_json(stdout, {{"event", "summary"},
+                            {"requests", st.requests.load()},
+                            {"answered", st.answered},
+                            {"dropped", st.dropped.load()},
+                            {"held_not_sent", st.held.size()}});
+        print_counters(stderr);
+        return;
+    }
     printf("served %llu requests: %llu answered, %llu dropped, %zu held answers not sent\n",
            static_cast<unsigned long long>(st.requests.load()),
            static_cast<unsigned long long>(st.answered),
            static_cast<unsigned long long>(st.dropped.load()), st.held.size());
     print_counters(stdout);
+}
+
+// Holds what the library logs while the endpoints open, so that dmctl's own message,
+// which says what went wrong, comes first and the library's lines follow as details.
+class HeldLog {
+public:
+    HeldLog() { host_dlog_set_sink(keep, this); }
+    ~HeldLog() { release(); }
+    HeldLog(const HeldLog &) = delete;
+    HeldLog &operator=(const HeldLog &) = delete;
+
+    // Back to the normal log output; the lines held so far go to stderr.
+    void release()
+    {
+        if (released_) {
+            return;
+        }
+        released_ = true;
+        host_dlog_set_sink(nullptr, nullptr); // no call of keep() runs after this
+        for (const std::string &line : lines_) {
+            fprintf(stderr, "  library log: %s\n", line.c_str());
+        }
+        lines_.clear();
+    }
+
+private:
+    static void keep(int, const char *line, void *ctx) noexcept
+    {
+        // Calls are serialised by the log; the vector needs no lock of its own.
+        std::string text(line);
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+            text.pop_back();
+        }
+        try {
+            static_cast<HeldLog *>(ctx)->lines_.push_back(std::move(text));
+        } catch (...) {
+        }
+    }
+
+    std::vector<std::string> lines_;
+    bool released_ = false;
+};
+
+// "serving ..." and "ready" lines, in text or JSON.
+void announce_endpoint(const ServeState &st, const Endpoint &ep)
+{
+    if (st.json) {
+        print_json(stdout, {{"event", "serving"}, {"endpoint", ep.label}});
+    } else {
+        printf("serving %s\n", ep.label.c_str());
+    }
+}
+
+void announce_ready(const ServeState &st)
+{
+    if (st.json) {
+        print_json(stdout, {{"event", "ready"}, {"pid", static_cast<int>(getpid())}});
+    } else {
+        printf("ready (pid %d); SIGINT or SIGTERM stops\n", static_cast<int>(getpid()));
+    }
+}
+
+// Opens every endpoint; an error text, empty when all are open.
+std::string open_endpoints(Context &ctx, ServeState &st, const std::vector<Target> &targets,
+                           std::vector<Endpoint> &endpoints)
+{
+    HeldLog held;
+    for (size_t i = 0; i < targets.size(); ++i) {
+        std::string why;
+        if (targets[i].transport == Transport::udp && !st.freebind) {
+            why = local_address_problem(targets[i]);
+        }
+        if (why.empty()) {
+            why = open_server(ctx, targets[i], endpoints[i]);
+        }
+        if (!why.empty()) {
+            fprintf(stderr, "dmctl serve: %s\n", why.c_str());
+            held.release();
+            return why;
+        }
+        announce_endpoint(st, endpoints[i]);
+    }
+    return {};
+}
+
+// Waits for SIGINT or SIGTERM; SIGHUP (a closed terminal, a reload request) does not stop
+// a server that has nothing to reload.
+int wait_for_stop(const sigset_t &stop)
+{
+    for (;;) {
+        int sig = 0;
+        if (sigwait(&stop, &sig) == 0 && sig != SIGHUP) {
+            return sig;
+        }
+        fprintf(stderr, "dmctl serve: SIGHUP ignored, still serving (SIGINT or SIGTERM stops)\n");
+    }
 }
 
 } // namespace
@@ -237,20 +375,22 @@ int run_serve(int argc, char **argv)
             return usage_error("serve", why);
         }
         st->cb = ctx.cb();
-        for (size_t i = 0; i < targets.size(); ++i) {
-            if (std::string why = open_server(ctx, targets[i], endpoints[i]); !why.empty()) {
-                return usage_error("serve", why);
-            }
-            printf("serving %s\n", endpoints[i].label.c_str());
+        if (!open_endpoints(ctx, *st, targets, endpoints).empty()) {
+            fputs("(dmctl serve --help shows the options)\n", stderr);
+            return kExitUsage;
         }
-        if (st->verbose && st->drop_rate > 0) {
+        if (st->verbose && st->drop_rate > 0 && !st->json) {
             printf("drop rate %g, seed %llu\n", st->drop_rate,
                    static_cast<unsigned long long>(seed));
         }
-        printf("ready (pid %d); SIGINT or SIGTERM stops\n", static_cast<int>(getpid()));
-        int sig = 0;
-        sigwait(&stop, &sig);
-        printf("stopping on %s\n", sig == SIGINT ? "SIGINT" : "SIGTERM");
+        announce_ready(*st);
+        const int sig = wait_for_stop(stop);
+        const char *name = sig == SIGINT ? "SIGINT" : "SIGTERM";
+        if (st->json) {
+            print_json(stdout, {{"event", "stopping"}, {"signal", name}});
+        } else {
+            printf("stopping on %s\n", name);
+        }
         std::lock_guard<std::mutex> guard(st->send_lock);
         st->stopping = true;
     } // the context goes here: no callback runs after this point

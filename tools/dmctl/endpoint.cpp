@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include "dm_udp.h"
 #include "host_devmgr.h"
 #include "host_platform.h"
+#include "output.h"
 
 namespace dmctl {
 
@@ -36,7 +38,7 @@ std::string udp_error(int code, const Target &target)
     case EADDRNOTAVAIL:
         return "cannot bind " + where + ": address not available on this host";
     default:
-        return "cannot open " + where + ": " + strerror(code) + " (" + std::to_string(code) + ")";
+        return "cannot open " + where + ": " + returned("dm_udp_init", code);
     }
 }
 
@@ -87,6 +89,10 @@ std::string open_udp(Context &ctx, const Target &target, const sockaddr_in &bind
 
 std::string open_ipc(Context &ctx, const Target &target, Endpoint &out)
 {
+    if (std::string why = simulator_dir_problem(host_devmgr_dir(), HOST_DEVMGR_DIR_ENV);
+        !why.empty()) {
+        return why;
+    }
     DM_ADDR_ST addr{};
     addr.kind = DM_ADDR_KIND_IPC;
     addr.family = DM_ADDR_FAMILY_IPC;
@@ -98,14 +104,19 @@ std::string open_ipc(Context &ctx, const Target &target, Endpoint &out)
     }
     if (ret != 0) {
         return "cannot open the device manager for device " + std::to_string(target.number) +
-               " (directory " + host_devmgr_dir() + "): dm_ipc_init returned " +
-               std::to_string(ret);
+               " (directory " + host_devmgr_dir() + "): " + returned("dm_ipc_init", ret);
     }
     out.intf = intf;
     out.peer = addr;
     out.peer_len = DM_IPC_ADDR_LEN;
     out.label = describe(target);
     return {};
+}
+
+std::string parent_of(const std::string &dir)
+{
+    const size_t slash = dir.find_last_of('/', dir.find_last_not_of('/'));
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : dir.substr(0, slash);
 }
 
 std::string finish(Context &ctx, Endpoint &out, std::string error)
@@ -115,7 +126,7 @@ std::string finish(Context &ctx, Endpoint &out, std::string error)
     }
     const int ret = watch_interface(ctx.cb(), out.intf, out.label);
     if (ret != 0) {
-        return "cannot watch " + out.label + ": poller error " + std::to_string(ret);
+        return "cannot watch " + out.label + ": " + returned("poller_timer_add", ret);
     }
     return {};
 }
@@ -158,13 +169,13 @@ std::string Context::init(DM_CMD_HANDLER_FN handler, void *user_data)
 {
     const int ret = dm_init(&cb_);
     if (ret != 0) {
-        return "cannot create the framework context: dm_init returned " + std::to_string(ret);
+        return "cannot create the framework context: " + returned("dm_init", ret);
     }
     // A context without a registration would hand requests to a null default handler.
     const int reg = dm_cmd_register(cb_, handler != nullptr ? handler : ignore_request, nullptr,
                                     &user_data, sizeof(user_data));
     if (reg != 0) {
-        return "cannot register the command handler: " + std::to_string(reg);
+        return "cannot register the command handler: " + returned("dm_cmd_register", reg);
     }
     return {};
 }
@@ -173,6 +184,44 @@ void Context::adopt_hdc_channel(DM_INTF_ST *intf, bool server)
 {
     hdc_.push_back({reinterpret_cast<uint64_t *>(static_cast<uintptr_t>(intf->reserved)), intf->fd,
                     intf->wfd, server});
+}
+
+std::string simulator_dir_problem(const std::string &dir, const char *env)
+{
+    const std::string fix = std::string(" (") + env + " names it)";
+    struct stat st {};
+    if (stat(dir.c_str(), &st) == 0) {
+        if (!S_ISDIR(st.st_mode)) {
+            return "the simulator directory " + dir + " is not a directory" + fix;
+        }
+        return access(dir.c_str(), W_OK | X_OK) == 0
+                   ? std::string()
+                   : "the simulator directory " + dir + " is not writable" + fix;
+    }
+    const std::string parent = parent_of(dir);
+    if (stat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        return "the simulator directory " + dir + " does not exist and cannot be made: " +
+               parent + " is missing" + fix;
+    }
+    return {}; // the simulator makes it on first use
+}
+
+std::string local_address_problem(const Target &target)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return {}; // no verdict; the library will say what fails
+    }
+    sockaddr_in probe = target.udp;
+    probe.sin_port = 0; // the address alone: the port may be taken, that is told later
+    const bool missing = bind(fd, reinterpret_cast<const sockaddr *>(&probe), sizeof(probe)) != 0 &&
+                         errno == EADDRNOTAVAIL;
+    close(fd);
+    if (!missing) {
+        return {};
+    }
+    return "cannot bind " + describe(target) +
+           ": the address is not one of this host's (--freebind binds it all the same)";
 }
 
 std::string open_server(Context &ctx, const Target &target, Endpoint &out)

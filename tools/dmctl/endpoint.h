@@ -63,6 +63,16 @@ std::string open_client(Context &ctx, const Target &target, Endpoint &out);
 // The context's own self-loop, as an endpoint that sends to itself.
 std::string open_selfloop(Context &ctx, Endpoint &out);
 
+// Why the simulator directory `dir` (named by the environment variable `env`) cannot
+// serve, empty when it can: it exists as a directory we may write, or can be made. Asked
+// before the library, whose own answer (a HAL or device-manager code) does not say it.
+std::string simulator_dir_problem(const std::string &dir, const char *env);
+
+// Why a UDP server should not bind `target`'s address, empty when it may: the address
+// is none of this host's. The library binds such an address all the same (it sets
+// IP_FREEBIND), and the server would then wait for requests that never reach it.
+std::string local_address_problem(const Target &target);
+
 // HDC specifics (endpoint_hdc.cpp).
 std::string open_hdc(Context &ctx, const Target &target, bool server, Endpoint &out);
 // Whether the simulator has a live server for device `dev_id` (service type 0).

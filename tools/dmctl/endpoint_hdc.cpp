@@ -10,6 +10,7 @@
 #include "dm_hdc.h"
 #include "endpoint.h"
 #include "host_hdc.h"
+#include "output.h"
 
 namespace dmctl {
 
@@ -66,6 +67,9 @@ void destroy_hdc_handle(const uint64_t *cell, bool server)
 std::string open_hdc(Context &ctx, const Target &target, bool server, Endpoint &out)
 {
     const uint32_t dev = target.number;
+    if (std::string why = simulator_dir_problem(host_hdc_dir(), HOST_HDC_DIR_ENV); !why.empty()) {
+        return why;
+    }
     const bool running = hdc_server_running(dev);
     if (server && running) {
         return hdc_where(dev) + " already has a server";
@@ -83,7 +87,7 @@ std::string open_hdc(Context &ctx, const Target &target, bool server, Endpoint &
     }
     if (ret != 0) {
         return std::string("cannot open the ") + (server ? "server" : "client") + " of " +
-               hdc_where(dev) + ": dm_hdc_init returned " + std::to_string(ret);
+               hdc_where(dev) + ": " + returned("dm_hdc_init", ret);
     }
     ctx.adopt_hdc_channel(intf, server);
     out.intf = intf;

@@ -5,6 +5,7 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "velmar_ext.h"
 
 namespace {
 
@@ -18,7 +19,8 @@ void print_help(FILE *out)
           "  bench   closed-loop load against a server: round trips per second, latency\n"
           "  demo    one self-contained run over the self-loop, UDP and HDC\n"
           "\n"
-          "dmctl COMMAND --help describes a command. Example:\n"
+          "dmctl COMMAND --help describes a command; dmctl --version tells the versions of\n"
+          "dmctl and of the library it loaded. Example:\n"
           "  dmctl serve --udp 127.0.0.1:5555 &\n"
           "  dmctl send --udp 127.0.0.1:5555 hello\n"
           "\n"
@@ -40,6 +42,11 @@ int main(int argc, char **argv)
     if (strcmp(command, "--help") == 0 || strcmp(command, "-h") == 0 ||
         strcmp(command, "help") == 0) {
         print_help(stdout);
+        return dmctl::kExitOk;
+    }
+    if (strcmp(command, "--version") == 0 || strcmp(command, "-V") == 0) {
+        // dmctl is built with the library's headers; the loaded library may be newer.
+        printf("dmctl %s\nlibvelmar_sastox %s\n", VELMAR_SASTOX_VERSION_STRING, velmar_version());
         return dmctl::kExitOk;
     }
     if (strcmp(command, "serve") == 0) {

@@ -8,6 +8,7 @@
 
 #include "dm_hdc.h"
 #include "dm_ipc.h"
+#include "velmar_ext.h"
 
 namespace dmctl {
 
@@ -92,22 +93,10 @@ std::string format_ms(double ms)
     return text;
 }
 
-std::string json_string(const std::string &text)
+std::string returned(const char *function, long long code)
 {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char esc[8];
-            snprintf(esc, sizeof(esc), "\\u%04x", c);
-            out += esc;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
+    return std::string(function) + " returned " + std::to_string(code) + " (" +
+           velmar_strerror(function, code) + ")";
 }
 
 int64_t now_ns()

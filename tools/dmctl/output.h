@@ -24,8 +24,9 @@ std::string describe_addr(const DM_ADDR_ST *addr);
 // Milliseconds with a sensible number of decimals ("0.084", "12.5", "1500").
 std::string format_ms(double ms);
 
-// `text` as a quoted JSON string.
-std::string json_string(const std::string &text);
+// "dm_hdc_init returned 5 (what 5 means there)": every message of dmctl that reports a
+// library code says it this way, read by velmar_strerror.
+std::string returned(const char *function, long long code);
 
 // Monotonic clock in nanoseconds.
 int64_t now_ns();

@@ -2,15 +2,21 @@
  * A small daemon built against an installed libvelmar_sastox: it answers requests on a
  * UDP port of 127.0.0.1 and sends itself one request there, as a peer would. Exit
  * status 0 when the echo came back.
+ *
+ * It calls nothing of the platform layer on purpose: linked with --as-needed, such a
+ * program does not list libvelmar_hostplat itself, and runs only if the core library
+ * finds its platform library on its own.
  */
+#define _POSIX_C_SOURCE 200809L
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 
-#include "host_platform.h"
 #include "velmar_sastox.h"
 
 static atomic_int g_answered;
@@ -74,7 +80,11 @@ int main(void)
     int waited = 0;
     int ok;
 
-    host_dlog_set_level(3);
+    if (strcmp(velmar_version(), VELMAR_SASTOX_VERSION_STRING) != 0) {
+        fprintf(stderr, "consumer: headers of %s, library %s\n", VELMAR_SASTOX_VERSION_STRING,
+                velmar_version());
+        return 1;
+    }
     if (dm_init(&cb) != 0 || dm_cmd_register(cb, echo, NULL, NULL, 1) != 0) {
         fprintf(stderr, "consumer: cannot set up the framework\n");
         return 1;
@@ -83,7 +93,8 @@ int main(void)
     ok = udp != NULL && udp->set_retry(udp, 2, 500) == 0 &&
          dm_send_req(udp, &self, DM_UDP_ADDR_LEN, &data, on_answer, &cb, sizeof(cb)) == 0;
     while (ok && !atomic_load(&g_answered) && waited < 5000) {
-        mmSleep(10);
+        const struct timespec tick = {0, 10 * 1000 * 1000};
+        nanosleep(&tick, NULL);
         waited += 10;
     }
     dm_destroy(cb);
