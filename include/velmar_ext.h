@@ -5,7 +5,10 @@
 #ifndef VELMAR_EXT_H
 #define VELMAR_EXT_H
 
+#include <stdint.h>
+
 #include "dm_export.h"
+#include "dm_msg.h"
 #include "velmar_version.h"
 
 DM_EXTERN_C_BEGIN
@@ -32,6 +35,26 @@ DM_EXPORT const char *velmar_version(void);
  * The result is a static string: never null, never to be freed, valid for the life of
  * the process. Any thread, at any time. */
 DM_EXPORT const char *velmar_strerror(const char *function, long long code);
+
+/* ---- A blocking request ---------------------------------------------------------------
+ * Sends `data` to `addr` through `intf` with dm_send_req and waits on the calling thread
+ * until its answer or its time-out arrives, under the interface's own re-sends and period
+ * (intf->set_retry). The answer's payload is copied into `answer` (at most `answer_cap`
+ * bytes; `answer` may be null) and its full length stored in *answer_len (may be null);
+ * on a time-out they hold the stand-in that the interface's timeout_hndl built.
+ * `send_result` (may be null) receives dm_send_req's own result.
+ *
+ * Threads: any thread but the context's poller thread, which delivers the answer: there
+ * the call refuses at once. With a negative retry_cnt the request never times out and
+ * the call waits for its answer for ever. Do not destroy the context while a call waits:
+ * a request dropped with its context is never called back. */
+#define VELMAR_CALL_ANSWERED 0         /* the peer answered */
+#define VELMAR_CALL_TIMED_OUT 1        /* no answer: the time-out came */
+#define VELMAR_CALL_NOT_SENT 2         /* dm_send_req refused it (see *send_result) */
+#define VELMAR_CALL_ON_POLLER_THREAD 3 /* called on the poller thread: nothing sent */
+DM_EXPORT int velmar_dm_call(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_ST *data,
+                             void *answer, uint32_t answer_cap, uint32_t *answer_len,
+                             int *send_result);
 
 DM_EXTERN_C_END
 

@@ -187,6 +187,15 @@ constexpr Reading kQueue[] = {
               "or empty)"},
 };
 
+constexpr const char *kCallNames[] = {"velmar_dm_call"};
+constexpr Reading kCall[] = {
+    {0, "answered: the peer's answer is in the buffer (VELMAR_CALL_ANSWERED)"},
+    {1, "timed out: the buffer holds the interface's time-out answer (VELMAR_CALL_TIMED_OUT)"},
+    {2, "not sent: dm_send_req refused the request; its own result says why "
+        "(VELMAR_CALL_NOT_SENT)"},
+    {3, "refused on the context's poller thread, which delivers the answer: nothing was sent "
+        "(VELMAR_CALL_ON_POLLER_THREAD)"},
+};
 constexpr const char *kTaskNames[] = {"vos_*", "task_task_info_init", "init_task_cb",
                                       "free_task_cb", "search_free_tcb", "get_stackframe"};
 constexpr Reading kTask[] = {
@@ -208,6 +217,7 @@ constexpr const char *kValueNames[] = {"dm_get_intf", "dev_mon_get_log_flag",
 const Family kFamilies[] = {
     {"the framework's entry points", kFrameworkNames, kFramework, Rest::errno_up, false},
     {"dm_send_req", kSendReqNames, kSendReq, Rest::nothing, false},
+    {"velmar_dm_call", kCallNames, kCall, Rest::nothing, false},
     {"selfloop_init, dm_udp_init and dm_ipc_init", kInitNames, kInit, Rest::errno_up, false},
     {"dm_hdc_init", kHdcInitNames, kHdcInit, Rest::hal, false},
     {"the interface name functions", kNameNames, kName, Rest::nothing, false},

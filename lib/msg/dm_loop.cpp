@@ -77,6 +77,8 @@ struct Selfloop {
     uint32_t page_size;
     uint32_t pipe_pages;    // the pipe's capacity in pages
     uint32_t pages_in_pipe; // most pages our unread frames can occupy
+    // The frame being dispatched is the framework's own time-out answer. Poller thread only.
+    bool delivering_timeout;
 };
 
 Selfloop *selfloop_of(DM_INTF_ST *intf) { return reinterpret_cast<Selfloop *>(intf); }
@@ -301,6 +303,7 @@ int32_t __selfloop_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST 
         ret = __selfloop_read_frame(s, fd, tmp);
         __selfloop_flush(s);
     }
+    s->delivering_timeout = ret == 0 && tmp->reserved == kTimeoutRspMark;
     if (ret == 0) {
         ret = __selfloop_fill_msg(tmp, msg);
     }
@@ -554,6 +557,11 @@ int selfloop_send_timeout_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_
     __selfloop_enqueue(s, qf); // the queue owns it now
     __selfloop_flush(s);
     return 0;
+}
+
+bool selfloop_delivering_timeout(DM_INTF_ST *intf)
+{
+    return intf != nullptr && intf->close == __selfloop_close && selfloop_of(intf)->delivering_timeout;
 }
 
 } // namespace velmar::msg

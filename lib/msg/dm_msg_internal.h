@@ -129,4 +129,8 @@ int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released);
 int selfloop_send_timeout_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len,
                               DM_DATA_ST *data, uint64_t req_id);
 
+// True while `intf`, a self-loop of this library, dispatches the framework's own time-out
+// answer (it arrived on it just now). Poller thread only.
+bool selfloop_delivering_timeout(DM_INTF_ST *intf);
+
 } // namespace velmar::msg

@@ -15,6 +15,10 @@ static void check_ext(void)
     CHECK(strcmp(velmar_version(), VELMAR_SASTOX_VERSION_STRING) == 0);
     CHECK(reading != NULL && strstr(reading, "DM_ERR_SEND") != NULL);
     CHECK(velmar_strerror(NULL, 0) != NULL);
+    /* A refused call: nothing is sent, and dm_send_req's code comes back. */
+    int sent = -1;
+    CHECK(velmar_dm_call(NULL, NULL, 0, NULL, NULL, 0, NULL, &sent) == VELMAR_CALL_NOT_SENT);
+    CHECK(sent == DM_ERR_INVALID_ARG);
 }
 
 int main(void)

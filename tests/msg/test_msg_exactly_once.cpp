@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "msg_test_support.h"
+#include "velmar_ext.h"
 
 using namespace msg_test;
 
@@ -230,4 +231,54 @@ TEST(ExactlyOnce, AFullSelfloopPipeRefusesSendersAndLosesNoAcceptedRequest)
         ASSERT_EQ(recs[i].calls, 1) << "request " << i;
         ASSERT_EQ(recs[i].payload(0), big);
     }
+}
+
+// The blocking call's outcomes: answered, timed out (also on the self-loop itself, where
+// only the framework can tell its own time-out answer from a peer's), not sent, and
+// refused on the poller thread, where it would wait for itself.
+TEST(BlockingCall, AnsweredTimedOutNotSentAndRefusedOnThePoller)
+{
+    static std::atomic<int> on_poller{-1};
+    Context ctx;
+    DM_INTF_ST *loop = ctx.loop();
+    auto handler = [](DM_INTF_ST *intf, DM_MSG_ST *msg, void *, uint32_t) -> int32_t {
+        if (msg->data.data_len == 4 && memcmp(msg->data.data, "nest", 4) == 0) {
+            on_poller = velmar_dm_call(intf, msg->addr, msg->addr_len, &msg->data, nullptr, 0, nullptr, nullptr);
+        }
+        return dm_send_rsp(intf, msg->addr, msg->addr_len, &msg->data, msg->req_id);
+    };
+    ASSERT_EQ(dm_cmd_register(ctx.cb, handler, nullptr, nullptr, 1), 0);
+    loop->timeout_hndl = [](DM_DATA_ST *, DM_DATA_ST *rsp) -> int32_t {
+        static uint8_t text[] = "gone";
+        rsp->data = text;
+        rsp->data_len = 4;
+        return 0;
+    };
+    loop->set_retry(loop, 1, 500); // the poller watches a new interface within 50 ms
+    char answer[8] = {};
+    uint32_t len = 0;
+    int sent = -1;
+    DM_DATA_ST ping = data_of("ping-pong");
+    EXPECT_EQ(velmar_dm_call(loop, &loop->addr, 6, &ping, answer, sizeof(answer), &len, &sent), VELMAR_CALL_ANSWERED);
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(len, 9U); // the whole length, though only 8 bytes fit
+    EXPECT_EQ(std::string(answer, sizeof(answer)), "ping-pon");
+
+    g_pipe_send = loop->send_msg;
+    loop->send_msg = holding_send;
+    g_hold_requests = true;
+    loop->set_retry(loop, 1, 20);
+    EXPECT_EQ(velmar_dm_call(loop, &loop->addr, 6, &ping, answer, sizeof(answer), &len, &sent), VELMAR_CALL_TIMED_OUT);
+    EXPECT_EQ(std::string(answer, len), "gone");
+    g_hold_requests = false;
+    loop->send_msg = g_pipe_send;
+
+    DM_DATA_ST none{0, nullptr};
+    EXPECT_EQ(velmar_dm_call(loop, &loop->addr, 6, &none, answer, sizeof(answer), &len, &sent), VELMAR_CALL_NOT_SENT);
+    EXPECT_EQ(sent, DM_ERR_PENDING_ADD);
+
+    loop->set_retry(loop, 1, 500);
+    DM_DATA_ST nest = data_of("nest");
+    EXPECT_EQ(velmar_dm_call(loop, &loop->addr, 6, &nest, nullptr, 0, nullptr, nullptr), VELMAR_CALL_ANSWERED);
+    EXPECT_EQ(on_poller, VELMAR_CALL_ON_POLLER_THREAD);
 }
