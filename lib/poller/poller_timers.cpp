@@ -54,8 +54,8 @@ void __poller_retire_and_remove(POLLER_ST *poller, LIST_NODE_ST *node,
 }
 
 // Inserts the finished entry in deadline order and indexes it. 0, 12 when the index
-// cannot grow, or the list's code (logged).
-int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry)
+// cannot grow, or the list's code (logged as `writer`).
+int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry, const char *writer)
 {
     TimerIndex *index = poller->timer_index;
     try {
@@ -70,7 +70,7 @@ int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry)
     std::lock_guard<std::mutex> guard(index->mutex);
     if (ret != 0) {
         index->nodes.erase(entry);
-        DM_LOG_ERR("failed to call list_insert_ascend\n");
+        DM_LOG_ERR_AS(writer, "failed to call list_insert_ascend\n");
         return ret;
     }
     index->nodes[entry] = node;
@@ -139,7 +139,7 @@ extern "C" int poller_timer_add(POLLER_ST *poller, uint32_t interval_ms, POLLER_
         entry->user_data_len = static_cast<uint32_t>(len);
     }
     entry->removed = kLive;
-    ret = __poller_link_timer(poller, entry);
+    ret = __poller_link_timer(poller, entry, __func__);
     if (ret != 0) {
         poller_entry_free(entry);
         return ret;
