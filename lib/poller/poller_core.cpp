@@ -10,7 +10,6 @@
 #include "common/dm_log.h"
 #include "poller/poller_hooks.h"
 #include "poller/poller_internal.h"
-#include "poller/poller_time.h"
 
 // The error-line limiter shared by every file of this unit.
 DM_LOG_DEFINE_UNIT()

@@ -16,7 +16,6 @@
 #include "common/dm_log.h"
 #include "list/list_nodes.h"
 #include "poller/poller_internal.h"
-#include "poller/poller_time.h"
 
 using namespace velmar::poller;
 
@@ -91,8 +90,8 @@ void __poller_timer_index_destroy(POLLER_ST *poller)
     poller->timer_index = nullptr;
 }
 
-int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
-                            POLLER_TIMER_CALLBACK cb)
+extern "C" int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
+                                       POLLER_TIMER_CALLBACK cb)
 {
     auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(malloc(sizeof(POLLER_TIMER_ENTRY_ST)));
     if (entry == nullptr) {
@@ -104,7 +103,7 @@ int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
         free(entry);
         return ret;
     }
-    const mmTimespec now = mmGetTickCount();
+    const POLLER_TIME_ST now = poller_now();
     poller_time_add_ms(&entry->deadline, &now, static_cast<int32_t>(interval_ms));
     entry->interval_ms = interval_ms;
     entry->callback = cb;
@@ -194,8 +193,8 @@ extern "C" int32_t poller_timer_entry_cmp(void *entry, void *key)
     }
     const auto *left = static_cast<POLLER_TIMER_ENTRY_ST *>(entry);
     const auto *right = static_cast<POLLER_TIMER_ENTRY_ST *>(key);
-    mmTimespec left_start{};
-    mmTimespec right_start{};
+    POLLER_TIME_ST left_start{};
+    POLLER_TIME_ST right_start{};
     poller_time_sub_ms(&left_start, &left->deadline, static_cast<int32_t>(left->interval_ms));
     poller_time_sub_ms(&right_start, &right->deadline, static_cast<int32_t>(right->interval_ms));
     return poller_time_cmp(&left_start, &right_start);
