@@ -20,6 +20,7 @@ inline ::testing::AssertionResult written_by(const LogCapture &log, const std::s
 {
     static const std::regex prefix(R"(^\[[^\]]+:(\d+)\]\[device monitor\] \[(\S+) (\d+)\] )");
     static const std::regex inner(R"(^\[(\S+) (\d+)\] (Drv_check|Assert):)");
+    static const std::regex named(R"(^(\S+) (\d+) )"); // texts that print "%s %d " first
     bool seen = false;
     for (const std::string &line : log.lines()) {
         std::smatch head;
@@ -38,6 +39,10 @@ inline ::testing::AssertionResult written_by(const LogCapture &log, const std::s
         if (std::regex_search(message, body, inner) && (body[1] != writer || body[2] != head[1])) {
             return ::testing::AssertionFailure() << "expected [" << writer << " " << head[1]
                                                  << "] in the text of: " << line;
+        }
+        if (std::regex_search(message, body, named) && body[2] == head[1] && body[1] != writer) {
+            return ::testing::AssertionFailure() << "expected " << writer << " at the start of the text of: "
+                                                 << line;
         }
     }
     if (!seen) {
