@@ -12,6 +12,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -49,6 +50,15 @@ uint64_t __dm_next_req_id()
 // destination for its (empty) copy.
 size_t payload_room(uint16_t len) { return len != 0 ? len : 1U; }
 
+// Where the user data copy starts, from the start of the record: callers typically store
+// a pointer there and read it back through the callback's argument, so it gets the
+// alignment that malloc would have given it.
+size_t user_data_offset(uint16_t len)
+{
+    constexpr size_t align = alignof(std::max_align_t);
+    return (sizeof(PendingReq) + payload_room(len) + align - 1) / align * align;
+}
+
 uint8_t *payload_of(PendingReq *req) { return reinterpret_cast<uint8_t *>(req + 1); }
 
 } // namespace
@@ -78,7 +88,7 @@ int __dm_pending_alloc(const DM_DATA_ST *data, uint32_t user_data_len, const voi
 {
     const uint16_t len = data->data_len > DM_MAX_DATA_LEN ? DM_MAX_DATA_LEN : data->data_len;
     const size_t user_len = user_data != nullptr ? user_data_len : 0U;
-    const size_t size = sizeof(PendingReq) + payload_room(len) + user_len;
+    const size_t size = user_data_offset(len) + user_len;
     auto *req = static_cast<PendingReq *>(malloc(size));
     if (req == nullptr) {
         return -12;
@@ -92,7 +102,7 @@ int __dm_pending_alloc(const DM_DATA_ST *data, uint32_t user_data_len, const voi
     req->data.data_len = len;
     req->data.data = payload_of(req);
     if (user_len != 0) {
-        req->user_data = payload_of(req) + payload_room(len);
+        req->user_data = reinterpret_cast<uint8_t *>(req) + user_data_offset(len);
     }
     *out = req;
     return 0;

@@ -145,11 +145,15 @@ TEST(PollerLog, EveryLineNamesTheFunctionThatReportsIt)
         f.disarm();
     };
     auto load_null = [](const Fault &) { __poller_load_fds(nullptr, nullptr, nullptr, nullptr); };
+    // Stopped with an exit notice, so that the poll thread is gone before the release.
     auto run_refused = on_poller([](POLLER_ST *p) {
         g_refuse_thread_attr = true;
         EXPECT_EQ(poller_run(p), 0);
         g_refuse_thread_attr = false;
-        ASSERT_TRUE(wait_until([p] { return velmar::poller::load_state(p) == velmar::poller::kRunning; }));
+        using velmar::poller::load_state;
+        ASSERT_TRUE(wait_until([p] { return load_state(p) == velmar::poller::kRunning; }));
+        EXPECT_EQ(poller_exit(p), 0);
+        ASSERT_TRUE(wait_until([p] { return load_state(p) == velmar::poller::kIdle; }));
     });
     auto failing_closes = [](const Fault &f) {
         g_fail_close = true;
