@@ -22,6 +22,16 @@
 DM_EXTERN_C_BEGIN
 
 typedef struct POLLER_ST POLLER_ST; /* opaque poller handle */
+/* A registered descriptor and a timer, as the poller keeps them; opaque. */
+typedef struct POLLER_FD_ENTRY_ST POLLER_FD_ENTRY_ST;
+typedef struct POLLER_TIMER_ENTRY_ST POLLER_TIMER_ENTRY_ST;
+
+/* A moment of the poller's clock, the platform adapter's monotonic tick count:
+ * seconds and nanoseconds (0 to 999999999 once normalised). */
+typedef struct POLLER_TIME_ST {
+    int64_t tv_sec;
+    int64_t tv_nsec;
+} POLLER_TIME_ST;
 
 /* (descriptor, returned events, the poller's copy of the user data, its length). The
  * copy belongs to the poller and stays valid until the callback returns, even if the
@@ -97,6 +107,36 @@ DM_EXPORT int32_t poller_fd_entry_cmp(void *entry, void *key);
 DM_EXPORT void poller_entry_free(void *entry);
 DM_EXPORT int32_t poller_timer_deadline_cmp(void *entry, void *key);
 DM_EXPORT int32_t poller_timer_entry_cmp(void *entry, void *key);
+
+/* The poller's internal steps, exported for compatibility. */
+
+/* A new, zeroed descriptor entry for `fd` / `events` / `cb`, not registered anywhere, in
+ * *out; the caller releases it with poller_entry_free. 0, 12 when memory cannot be had,
+ * or the failing memset_s code. */
+DM_EXPORT int poller_init_entry(POLLER_FD_ENTRY_ST **out, int fd, int16_t events,
+                                POLLER_FD_CALLBACK cb);
+
+/* A new timer entry due `interval_ms` from now, not armed, in *out; the caller releases
+ * it with poller_entry_free. 0, 12, or the failing memset_s code. */
+DM_EXPORT int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
+                                      POLLER_TIMER_CALLBACK cb);
+
+/* -1, 0 or 1 by seconds, then nanoseconds. */
+DM_EXPORT int poller_time_cmp(const POLLER_TIME_ST *a, const POLLER_TIME_ST *b);
+
+/* Whole milliseconds by which `a` is later than `b`, truncated to 32 bits; -1 (and *out
+ * untouched) when `a` is not later. When `out` is not null it receives a - b. */
+DM_EXPORT int32_t poller_time_diff_ms(POLLER_TIME_ST *out, const POLLER_TIME_ST *a,
+                                      const POLLER_TIME_ST *b);
+
+/* *out = base + ms and base - ms. `ms` is signed, so an interval above INT32_MAX counts
+ * as a negative one, and add leaves a negative remainder unnormalised. */
+DM_EXPORT void poller_time_add_ms(POLLER_TIME_ST *out, const POLLER_TIME_ST *base, int32_t ms);
+DM_EXPORT void poller_time_sub_ms(POLLER_TIME_ST *out, const POLLER_TIME_ST *base, int32_t ms);
+
+/* Whole milliseconds until the entry's deadline: 0 when less than one is left, -1 when
+ * the deadline is now or past. */
+DM_EXPORT int32_t poller_ms_until(const POLLER_TIMER_ENTRY_ST *entry);
 
 DM_EXTERN_C_END
 

@@ -64,6 +64,13 @@ DM_EXPORT void hash_table_delete(HASH_TABLE_ST *table);
 DM_EXPORT int hash_table_put2(HASH_TABLE_ST *table, const char *tag, void *value,
                               HASH_FREE_VALUE_FN free_value);
 
+/* The step of hash_table_put2 for a tag that is not stored yet, exported for
+ * compatibility: makes a node with its own copy of tag and links it at *tail, which is
+ * the bucket's head slot when the chain is empty, else the last node's next. No search
+ * and no "put tag fail" line: 0, or the code of hash_table_put2 for a failed store. */
+DM_EXPORT int hash_table_put2_tag_not_stored(HASH_NODE_ST **tail, const char *tag, void *value,
+                                             HASH_FREE_VALUE_FN free_value);
+
 /* The value of the first node whose tag equals tag, or NULL when none does. A stored NULL
  * value cannot be told from a missing tag. */
 DM_EXPORT void *hash_table_get(HASH_TABLE_ST *table, const char *tag);

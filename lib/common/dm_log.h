@@ -7,6 +7,16 @@
 //   answers 1 for level 2 / 1 / 0; no limiter.
 // - DM_CHECK_FAILED("(expr)"): the "Drv_check" warning of a failed argument check.
 // - DM_ASSERT_FAILED("expr"): the "Assert" error of a failed close or invariant.
+//
+// Writing on behalf of a caller. Operators grep the log for the function that reports a
+// fault, and that is the function a reader of the interface knows, not the small helper
+// it was split into. A helper that logs therefore takes its caller's name as a
+// `const char *writer` parameter (the caller passes __func__) and uses the _AS forms,
+// which put that name in the prefix and in the Drv_check / Assert text.
+// The line number stays the line of the log call itself, in the helper: the prefix's
+// "path:line" must point at the statement that wrote the text (__FILE__ is the helper's
+// file too), and each statement keeps a line of its own, whereas the caller's line would
+// give several different texts one number.
 #pragma once
 
 #include <atomic>
@@ -63,32 +73,42 @@ namespace {
 #endif
 
 #define DM_LOG_PREFIX "[%s:%d][%s] [%s %d] "
-#define DM_LOG_PREFIX_ARGS __FILE__, __LINE__, "device monitor", __func__, __LINE__
+#define DM_LOG_PREFIX_ARGS_(writer) __FILE__, __LINE__, "device monitor", (writer), __LINE__
 
-#define DM_LOG_ERR(fmt, ...)                                                                      \
+#define DM_LOG_ERR_AS(writer, fmt, ...)                                                           \
     do {                                                                                          \
         static ::velmar::log::SiteCounter dm_log_site_{0};                                        \
         if (::velmar::log::admit_error(dm_log_file_limiter_, dm_log_site_,                        \
                                        ::velmar::log::wall_clock_ms())) {                         \
             DlogErrorInner(::velmar::log::kModule, DM_LOG_PREFIX fmt,                             \
-                           DM_LOG_PREFIX_ARGS __VA_OPT__(, ) __VA_ARGS__);                        \
+                           DM_LOG_PREFIX_ARGS_(writer) __VA_OPT__(, ) __VA_ARGS__);               \
         }                                                                                         \
     } while (0)
 
-#define DM_LOG_LEVELED_(level, sink, fmt, ...)                                                    \
+#define DM_LOG_LEVELED_(level, sink, writer, fmt, ...)                                            \
     do {                                                                                          \
         if (CheckLogLevel(::velmar::log::kModule, (level)) == 1) {                                \
             sink(::velmar::log::kModule, DM_LOG_PREFIX fmt,                                       \
-                 DM_LOG_PREFIX_ARGS __VA_OPT__(, ) __VA_ARGS__);                                  \
+                 DM_LOG_PREFIX_ARGS_(writer) __VA_OPT__(, ) __VA_ARGS__);                         \
         }                                                                                         \
     } while (0)
 
-#define DM_LOG_WARN(fmt, ...)                                                                     \
-    DM_LOG_LEVELED_(::velmar::log::kLevelWarn, DlogWarnInner, fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOG_INFO(fmt, ...)                                                                     \
-    DM_LOG_LEVELED_(::velmar::log::kLevelInfo, DlogInfoInner, fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOG_DEBUG(fmt, ...)                                                                    \
-    DM_LOG_LEVELED_(::velmar::log::kLevelDebug, DlogDebugInner, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_WARN_AS(writer, fmt, ...)                                                          \
+    DM_LOG_LEVELED_(::velmar::log::kLevelWarn, DlogWarnInner, writer, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_INFO_AS(writer, fmt, ...)                                                          \
+    DM_LOG_LEVELED_(::velmar::log::kLevelInfo, DlogInfoInner, writer, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_DEBUG_AS(writer, fmt, ...)                                                         \
+    DM_LOG_LEVELED_(::velmar::log::kLevelDebug, DlogDebugInner, writer, fmt __VA_OPT__(, ) __VA_ARGS__)
 
-#define DM_CHECK_FAILED(text) DM_LOG_WARN("[%s %d] Drv_check:%s\n", __func__, __LINE__, text)
-#define DM_ASSERT_FAILED(text) DM_LOG_ERR("[%s %d] Assert:%s\n", __func__, __LINE__, text)
+#define DM_CHECK_FAILED_AS(writer, text)                                                          \
+    DM_LOG_WARN_AS(writer, "[%s %d] Drv_check:%s\n", (writer), __LINE__, text)
+#define DM_ASSERT_FAILED_AS(writer, text)                                                         \
+    DM_LOG_ERR_AS(writer, "[%s %d] Assert:%s\n", (writer), __LINE__, text)
+
+// The plain forms write as the function they are called in.
+#define DM_LOG_ERR(fmt, ...) DM_LOG_ERR_AS(__func__, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_WARN(fmt, ...) DM_LOG_WARN_AS(__func__, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_INFO(fmt, ...) DM_LOG_INFO_AS(__func__, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_DEBUG(fmt, ...) DM_LOG_DEBUG_AS(__func__, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_CHECK_FAILED(text) DM_CHECK_FAILED_AS(__func__, text)
+#define DM_ASSERT_FAILED(text) DM_ASSERT_FAILED_AS(__func__, text)

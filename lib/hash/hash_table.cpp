@@ -53,11 +53,9 @@ void for_each_node(HASH_TABLE_ST *table, Visit visit)
 
 } // namespace
 
-// Makes the node for a tag that is not stored yet and links it at *tail (the bucket's
-// head slot for an empty chain, else the last node's next). Returns 0, or the code of
-// the step that failed after releasing everything it had allocated.
-static int hash_table_put2_tag_not_stored(HASH_NODE_ST **tail, const char *tag, void *value,
-                                          HASH_FREE_VALUE_FN free_value)
+// Releases everything it had allocated before it reports a failed step.
+extern "C" DM_EXPORT int hash_table_put2_tag_not_stored(HASH_NODE_ST **tail, const char *tag,
+                                                        void *value, HASH_FREE_VALUE_FN free_value)
 {
     const size_t tag_size = strlen(tag) + 1;
     char *tag_copy = static_cast<char *>(malloc(tag_size));

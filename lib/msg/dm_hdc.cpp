@@ -59,10 +59,10 @@ int32_t __dm_hdc_send_ex(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, uint
     return __dm_hdc_send(intf, type, addr, addr_len, data, req_id);
 }
 
-void __dm_hdc_close_fd(int fd)
+void __dm_hdc_close_fd(int fd, const char *writer)
 {
     if (mmCloseFile(fd) != 0) {
-        DM_ASSERT_FAILED("ret == 0");
+        DM_ASSERT_FAILED_AS(writer, "ret == 0");
     }
 }
 
@@ -85,8 +85,8 @@ int32_t __dm_hdc_close(DM_INTF_ST *intf)
         free(cell);
         set_channel_cb(intf, nullptr);
     }
-    __dm_hdc_close_fd(intf->fd);
-    __dm_hdc_close_fd(intf->wfd);
+    __dm_hdc_close_fd(intf->fd, __func__);
+    __dm_hdc_close_fd(intf->wfd, __func__);
     return 0;
 }
 
@@ -113,16 +113,17 @@ int __dm_hdc_make_pipe(DM_INTF_ST *intf)
 }
 
 // A channel that could not be opened gives back its cell and, unlike a failed pipe set-up,
-// its pipe too: nothing else will ever close it.
-void __dm_hdc_drop_channel(DM_INTF_ST *intf, uint64_t *cell)
+// its pipe too: nothing else will ever close it. Logs as `writer`.
+void __dm_hdc_drop_channel(DM_INTF_ST *intf, uint64_t *cell, const char *writer)
 {
     free(cell);
     set_channel_cb(intf, nullptr);
-    __dm_hdc_close_fd(intf->fd);
-    __dm_hdc_close_fd(intf->wfd);
+    __dm_hdc_close_fd(intf->fd, writer);
+    __dm_hdc_close_fd(intf->wfd, writer);
 }
 
-int __dm_hdc_open_server(DM_INTF_ST *intf, uint64_t *cell)
+// The two halves of __dm_hdc_open; they log as `writer`.
+int __dm_hdc_open_server(DM_INTF_ST *intf, uint64_t *cell, const char *writer)
 {
     const int num = static_cast<int>(load_addr(&intf->addr).intf_num);
     HDC_SERVER server = nullptr;
@@ -130,9 +131,9 @@ int __dm_hdc_open_server(DM_INTF_ST *intf, uint64_t *cell)
     int ret = drvHdcServerCreate(num, 0, &server);
     while (ret != 0) {
         if (failures > kServerCreateRetries) {
-            __dm_hdc_drop_channel(intf, cell);
-            DM_LOG_ERR("drvHdcServerCreate failed,%s%d%s%d\n", "__dm_hdc_open", __LINE__,
-                       "error=", ret);
+            __dm_hdc_drop_channel(intf, cell, writer);
+            DM_LOG_ERR_AS(writer, "drvHdcServerCreate failed,%s%d%s%d\n", writer, __LINE__, "error=",
+                          ret);
             return ret;
         }
         ++failures;
@@ -142,23 +143,24 @@ int __dm_hdc_open_server(DM_INTF_ST *intf, uint64_t *cell)
     *cell = reinterpret_cast<uint64_t>(server);
     ret = start_accept_thread(intf);
     if (ret != 0) {
-        DM_LOG_ERR("pthread_create error,ret = %d,errno=%d:%s\n", ret, errno, strerror(errno));
+        const int err = errno;
+        DM_LOG_ERR_AS(writer, "pthread_create error,ret = %d,errno=%d:%s\n", ret, err, strerror(err));
         (void)drvHdcServerDestroy(server);
         mmSleep(1);
-        DM_CHECK_FAILED("ret == 0");
-        __dm_hdc_drop_channel(intf, cell);
+        DM_CHECK_FAILED_AS(writer, "ret == 0");
+        __dm_hdc_drop_channel(intf, cell, writer);
         return -1;
     }
     return 0;
 }
 
-int __dm_hdc_open_client(DM_INTF_ST *intf, uint64_t *cell)
+int __dm_hdc_open_client(DM_INTF_ST *intf, uint64_t *cell, const char *writer)
 {
     HDC_CLIENT client = nullptr;
     int ret = drvHdcClientCreate(&client, kClientMaxSessions, 0, 0);
     if (ret != 0) {
-        DM_LOG_ERR("%s%d%s%d\n", "__dm_hdc_open", __LINE__, "error=", ret);
-        __dm_hdc_drop_channel(intf, cell);
+        DM_LOG_ERR_AS(writer, "%s%d%s%d\n", writer, __LINE__, "error=", ret);
+        __dm_hdc_drop_channel(intf, cell, writer);
         return ret;
     }
     *cell = reinterpret_cast<uint64_t>(client);
@@ -174,23 +176,24 @@ int __dm_hdc_open(DM_INTF_ST *intf)
     auto *cell = static_cast<uint64_t *>(malloc(sizeof(uint64_t)));
     if (cell == nullptr) {
         DM_CHECK_FAILED("(intf->channel_cb != ((void *)0))");
-        __dm_hdc_drop_channel(intf, nullptr);
+        __dm_hdc_drop_channel(intf, nullptr, __func__);
         return -12;
     }
     set_channel_cb(intf, cell);
     ret = memset_s(cell, sizeof(uint64_t), 0, sizeof(uint64_t));
     if (ret != 0) {
         DM_LOG_ERR("memset_s fail: %d\n", ret);
-        __dm_hdc_drop_channel(intf, cell);
+        __dm_hdc_drop_channel(intf, cell, __func__);
         return ret;
     }
     *cell = 0;
-    return is_server(intf) ? __dm_hdc_open_server(intf, cell) : __dm_hdc_open_client(intf, cell);
+    return is_server(intf) ? __dm_hdc_open_server(intf, cell, __func__)
+                           : __dm_hdc_open_client(intf, cell, __func__);
 }
 
 // Allocates, zeroes and names the record and copies the address. 0, -12 or the failing
-// function's status.
-int __dm_hdc_alloc(const char *name, const DM_ADDR_ST *addr, DM_INTF_ST **out)
+// function's status, logged as `writer`.
+int __dm_hdc_alloc(const char *name, const DM_ADDR_ST *addr, DM_INTF_ST **out, const char *writer)
 {
     auto *intf = static_cast<DM_INTF_ST *>(malloc(sizeof(DM_INTF_ST)));
     if (intf == nullptr) {
@@ -198,13 +201,13 @@ int __dm_hdc_alloc(const char *name, const DM_ADDR_ST *addr, DM_INTF_ST **out)
     }
     int ret = memset_s(intf, sizeof(DM_INTF_ST), 0, sizeof(DM_INTF_ST));
     if (ret != 0) {
-        DM_LOG_ERR("memset_s fail: %d\n", ret);
+        DM_LOG_ERR_AS(writer, "memset_s fail: %d\n", ret);
         free(intf);
         return ret;
     }
     ret = strncpy_s(intf->name, DM_INTF_NAME_LEN, name, DM_INTF_NAME_LEN - 1);
     if (ret != 0) {
-        DM_LOG_ERR("strncpy_s error\n");
+        DM_LOG_ERR_AS(writer, "strncpy_s error\n");
         free(intf);
         return ret;
     }
@@ -231,13 +234,14 @@ void __dm_hdc_fill(DM_INTF_ST *intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HNDL_FN timeout
 }
 
 // Registers the finished record. A refusal by the list leaves it ours to close and free;
-// a refusal by the poller has already closed and released it through the list.
-int __dm_hdc_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
+// a refusal by the poller has already closed and released it through the list. Logs as
+// `writer`.
+int __dm_hdc_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, const char *writer)
 {
     bool released = false;
     int ret = register_intf(dm_cb, intf, &released);
     if (ret != 0) {
-        DM_LOG_ERR("dm_hdc_init->dm_intf_register fail.\n");
+        DM_LOG_ERR_AS(writer, "dm_hdc_init->dm_intf_register fail.\n");
         if (!released) {
             __dm_hdc_close(intf);
             free(intf);
@@ -285,7 +289,7 @@ DM_EXPORT int dm_hdc_init(DM_INTF_ST **out_intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HND
         return -16;
     }
     DM_INTF_ST *intf = nullptr;
-    ret = __dm_hdc_alloc(name, addr, &intf);
+    ret = __dm_hdc_alloc(name, addr, &intf, __func__);
     if (ret == 0) {
         ret = __dm_hdc_open(intf);
         if (ret != 0) {
@@ -293,7 +297,7 @@ DM_EXPORT int dm_hdc_init(DM_INTF_ST **out_intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HND
             return ret;
         }
         __dm_hdc_fill(intf, dm_cb, timeout_hndl, capacity.max_segment);
-        ret = __dm_hdc_register(dm_cb, intf);
+        ret = __dm_hdc_register(dm_cb, intf, __func__);
     }
     if (ret == 0 && out_intf != nullptr) {
         *out_intf = intf;

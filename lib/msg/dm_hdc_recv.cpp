@@ -15,22 +15,23 @@ constexpr int kAttrRunEnv = 2;
 constexpr uint32_t kServiceHeaderLen = 12; // the service's own header; its third word
 constexpr size_t kBodyLenOffset = 8;       // holds the body length
 
-// Header, then exactly data_len bytes. 0 or -1 (logged).
-int __dm_hdc_read_frame(int32_t fd, HDC_MSG_ST *frame)
+// Header, then exactly data_len bytes. 0 or -1 (logged as `writer`).
+int __dm_hdc_read_frame(int32_t fd, HDC_MSG_ST *frame, const char *writer)
 {
     ssize_t got = mmReadFile(fd, frame, kHeaderLen);
     if (got != static_cast<ssize_t>(kHeaderLen)) {
-        DM_LOG_ERR("%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
+        DM_LOG_ERR_AS(writer, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
         return -1;
     }
     if (frame->data_len > DM_MAX_DATA_LEN) {
         // The data bytes stay in the pipe: framing errors are not resynchronised.
-        DM_LOG_ERR("%s%d\n", "__dm_hdc_recv: msg->data_len too long=", frame->data_len);
+        DM_LOG_ERR_AS(writer, "%s%d\n", "__dm_hdc_recv: msg->data_len too long=",
+                      frame->data_len);
         return -1;
     }
     got = mmReadFile(fd, frame->data, frame->data_len);
     if (got != static_cast<ssize_t>(frame->data_len)) {
-        DM_LOG_ERR("%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
+        DM_LOG_ERR_AS(writer, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
         return -1;
     }
     return 0;
@@ -54,14 +55,14 @@ void __dm_hdc_fill_origin(const DM_INTF_ST *intf, const HDC_MSG_ST *frame, DM_MS
     msg->src_id = own.intf_num;
 }
 
-// A server learns from the session who sent the request. 0 or -1 (logged).
-int __dm_hdc_fill_peer(const HDC_MSG_ST *frame, DM_MSG_ST *msg)
+// A server learns from the session who sent the request. 0 or -1 (logged as `writer`).
+int __dm_hdc_fill_peer(const HDC_MSG_ST *frame, DM_MSG_ST *msg, const char *writer)
 {
     auto *session = reinterpret_cast<HDC_SESSION>(frame->session);
     int run_env = 0;
     int ret = halHdcGetSessionAttr(session, kAttrRunEnv, &run_env);
     if (ret != 0) {
-        DM_LOG_ERR("get session run env failed and ret=%d\n", ret);
+        DM_LOG_ERR_AS(writer, "get session run env failed and ret=%d\n", ret);
         return -1;
     }
     switch (run_env) {
@@ -76,13 +77,13 @@ int __dm_hdc_fill_peer(const HDC_MSG_ST *frame, DM_MSG_ST *msg)
         msg->src_type = 0;
         break;
     default:
-        DM_LOG_ERR("don't know session property(%d)\n", run_env);
+        DM_LOG_ERR_AS(writer, "don't know session property(%d)\n", run_env);
         return -1;
     }
     int uid = 0;
     ret = halHdcGetSessionAttr(session, kAttrUid, &uid);
     if (ret != 0) {
-        DM_LOG_ERR("get session uid failed and ret=%d\n", ret);
+        DM_LOG_ERR_AS(writer, "get session uid failed and ret=%d\n", ret);
         return -1;
     }
     msg->src_index = static_cast<uint32_t>(uid);
@@ -90,7 +91,8 @@ int __dm_hdc_fill_peer(const HDC_MSG_ST *frame, DM_MSG_ST *msg)
 }
 
 // Copies what fits and recomputes the service header's body length from what arrived.
-int __dm_hdc_fill_data(const HDC_MSG_ST *frame, DM_MSG_ST *msg)
+// Logs as `writer`.
+int __dm_hdc_fill_data(const HDC_MSG_ST *frame, DM_MSG_ST *msg, const char *writer)
 {
     const uint16_t capacity = msg->data.data_len;
     const uint16_t len = capacity < frame->data_len ? capacity : frame->data_len;
@@ -98,7 +100,7 @@ int __dm_hdc_fill_data(const HDC_MSG_ST *frame, DM_MSG_ST *msg)
     if (len >= 1 && len <= DM_MAX_DATA_LEN) {
         int ret = memcpy_s(msg->data.data, capacity, frame->data, len);
         if (ret != 0) {
-            DM_LOG_ERR("memcpy_s error\n");
+            DM_LOG_ERR_AS(writer, "memcpy_s error\n");
             return ret;
         }
     }
@@ -129,15 +131,15 @@ int32_t __dm_hdc_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
         DM_LOG_ERR("__dm_hdc_recv: memset_s fail.errno=%d\n", errno);
         return -22;
     }
-    int ret = __dm_hdc_read_frame(fd, frame);
+    int ret = __dm_hdc_read_frame(fd, frame, __func__);
     if (ret == 0) {
         __dm_hdc_fill_origin(intf, frame, msg);
         if (is_server(intf)) {
-            ret = __dm_hdc_fill_peer(frame, msg);
+            ret = __dm_hdc_fill_peer(frame, msg, __func__);
         }
     }
     if (ret == 0) {
-        ret = __dm_hdc_fill_data(frame, msg);
+        ret = __dm_hdc_fill_data(frame, msg, __func__);
     }
     free(frame);
     return ret;

@@ -55,23 +55,25 @@ int frame_len(const HDC_MSG_ST *frame) { return static_cast<int>(frame->data_len
 
 // The HAL message around a formatted frame, sent. 0 or the first failing code, logged;
 // `send_err_info` logs a failed send at info level (client) rather than error (server).
-int __dm_hdc_put_frame(HDC_SESSION session, HDC_MSG_ST *frame, bool send_err_info)
+// The lines are the sending path's, `writer`, which they also name in their text.
+int __dm_hdc_put_frame(HDC_SESSION session, HDC_MSG_ST *frame, bool send_err_info,
+                       const char *writer)
 {
     drvHdcMsg *hal_msg = nullptr;
     int ret = drvHdcAllocMsg(session, &hal_msg, 1);
     if (ret != 0) {
-        DM_LOG_ERR("%s %d alloc msg err, ret %d\n", __func__, __LINE__, ret);
+        DM_LOG_ERR_AS(writer, "%s %d alloc msg err, ret %d\n", writer, __LINE__, ret);
         return ret;
     }
     ret = drvHdcAddMsgBuffer(hal_msg, reinterpret_cast<char *>(frame), frame_len(frame));
     if (ret != 0) {
-        DM_LOG_ERR("%s %d add msg err, ret %d\n", __func__, __LINE__, ret);
+        DM_LOG_ERR_AS(writer, "%s %d add msg err, ret %d\n", writer, __LINE__, ret);
     } else {
         ret = halHdcSend(session, hal_msg, kWaitTimeout, kSendTimeoutMs);
         if (ret != 0 && send_err_info) {
-            DM_LOG_INFO("%s %d send err, ret %d\n", __func__, __LINE__, ret);
+            DM_LOG_INFO_AS(writer, "%s %d send err, ret %d\n", writer, __LINE__, ret);
         } else if (ret != 0) {
-            DM_LOG_ERR("%s %d send err, ret %d\n", __func__, __LINE__, ret);
+            DM_LOG_ERR_AS(writer, "%s %d send err, ret %d\n", writer, __LINE__, ret);
         }
     }
     (void)drvHdcFreeMsg(hal_msg);
@@ -79,8 +81,9 @@ int __dm_hdc_put_frame(HDC_SESSION session, HDC_MSG_ST *frame, bool send_err_inf
 }
 
 // Connects to the destination's device, waiting a second between tries while it has no
-// server yet: at most 41 calls.
-int __dm_hdc_connect(DM_INTF_ST *intf, const DM_ADDR_ST *addr, HDC_SESSION *session)
+// server yet: at most 41 calls. A failure is logged as `writer`.
+int __dm_hdc_connect(DM_INTF_ST *intf, const DM_ADDR_ST *addr, HDC_SESSION *session,
+                     const char *writer)
 {
     const int dev_id = static_cast<int>(load_addr(addr).dev_id);
     HDC_CLIENT client = channel_handle(intf);
@@ -92,7 +95,7 @@ int __dm_hdc_connect(DM_INTF_ST *intf, const DM_ADDR_ST *addr, HDC_SESSION *sess
         ret = drvHdcSessionConnect(0, dev_id, client, session);
     }
     if (ret != 0) {
-        DM_LOG_ERR("%s %d err, ret %d, retry %d\n", __func__, __LINE__, ret, retry);
+        DM_LOG_ERR_AS(writer, "%s %d err, ret %d, retry %d\n", writer, __LINE__, ret, retry);
     }
     return ret;
 }
@@ -101,7 +104,7 @@ int32_t __dm_hdc_client_send(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, 
                              uint64_t req_id)
 {
     HDC_SESSION session = nullptr;
-    int32_t ret = __dm_hdc_connect(intf, addr, &session);
+    int32_t ret = __dm_hdc_connect(intf, addr, &session, __func__);
     if (ret != 0) {
         return ret;
     }
@@ -119,7 +122,7 @@ int32_t __dm_hdc_client_send(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, 
         return -22;
     }
     __format_hdc_msg(frame, type, addr, &intf->addr, session, data, req_id);
-    ret = __dm_hdc_put_frame(session, frame, true);
+    ret = __dm_hdc_put_frame(session, frame, true, __func__);
     free(frame);
     if (ret != 0) {
         (void)drvHdcSessionClose(session);
@@ -165,7 +168,7 @@ int32_t __dm_hdc_server_send(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, 
         DM_LOG_ERR("__dm_hdc_server_send: memset_s fail.errno=%d\n", errno);
     } else {
         __format_hdc_msg(frame, type, addr, &intf->addr, session, data, req_id);
-        ret = __dm_hdc_put_frame(session, frame, false);
+        ret = __dm_hdc_put_frame(session, frame, false, __func__);
     }
     free(frame);
     (void)drvHdcSessionClose(session);

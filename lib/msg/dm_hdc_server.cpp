@@ -141,7 +141,8 @@ void *__dm_server_recv_msg_proc(void *arg)
     return nullptr;
 }
 
-void __dm_start_session_thread(DM_INTF_ST *intf, HDC_SESSION session)
+// Part of the accept loop, whose lines it writes (`writer`).
+void __dm_start_session_thread(DM_INTF_ST *intf, HDC_SESSION session, const char *writer)
 {
     auto *handover = static_cast<SessionHandover *>(malloc(sizeof(SessionHandover)));
     if (handover == nullptr) {
@@ -156,7 +157,8 @@ void __dm_start_session_thread(DM_INTF_ST *intf, HDC_SESSION session)
     pthread_attr_setstacksize(&attr, kThreadStack);
     pthread_t thread;
     if (pthread_create(&thread, &attr, __dm_server_recv_msg_proc, handover) != 0) {
-        DM_LOG_ERR("pthread_create fail errno=%d:%s\n", errno, strerror(errno));
+        const int err = errno;
+        DM_LOG_ERR_AS(writer, "pthread_create fail errno=%d:%s\n", err, strerror(err));
         (void)drvHdcSessionClose(session);
         pthread_attr_destroy(&attr);
         free(handover);
@@ -186,7 +188,7 @@ void *__dm_server_accept_proc(void *arg)
             usleep(kPauseUs);
             continue;
         }
-        __dm_start_session_thread(intf, session);
+        __dm_start_session_thread(intf, session, __func__);
     }
     return nullptr;
 }

@@ -99,8 +99,8 @@ int __dm_ipc_open_device()
 }
 
 // Allocates, zeroes and names the record and copies the address. 0, 12 or the failing
-// function's status.
-int __dm_ipc_alloc(const char *name, const DM_ADDR_ST *addr, DM_INTF_ST **out)
+// function's status, logged as `writer`.
+int __dm_ipc_alloc(const char *name, const DM_ADDR_ST *addr, DM_INTF_ST **out, const char *writer)
 {
     auto *intf = static_cast<DM_INTF_ST *>(malloc(sizeof(DM_INTF_ST)));
     if (intf == nullptr) {
@@ -108,13 +108,13 @@ int __dm_ipc_alloc(const char *name, const DM_ADDR_ST *addr, DM_INTF_ST **out)
     }
     int ret = memset_s(intf, sizeof(DM_INTF_ST), 0, sizeof(DM_INTF_ST));
     if (ret != 0) {
-        DM_LOG_ERR("memset_s fail: %d\n", ret);
+        DM_LOG_ERR_AS(writer, "memset_s fail: %d\n", ret);
         free(intf);
         return ret;
     }
     ret = strncpy_s(intf->name, DM_INTF_NAME_LEN, name, DM_INTF_NAME_LEN - 1);
     if (ret != 0) {
-        DM_LOG_ERR("strncpy_s error\n");
+        DM_LOG_ERR_AS(writer, "strncpy_s error\n");
         free(intf);
         return ret;
     }
@@ -187,7 +187,7 @@ DM_EXPORT int dm_ipc_init(DM_INTF_ST **out_intf, DM_CB_ST *dm_cb, DM_TIMEOUT_HND
         return kErrBusy;
     }
     DM_INTF_ST *intf = nullptr;
-    ret = __dm_ipc_alloc(name, addr, &intf);
+    ret = __dm_ipc_alloc(name, addr, &intf, __func__);
     if (ret != 0) {
         return ret;
     }

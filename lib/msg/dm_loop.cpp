@@ -53,6 +53,11 @@ constexpr int kWantedPipeBytes = 1 << 20;
 constexpr uint32_t kDefaultPipePages = 16;
 constexpr int32_t kDefaultTimeoutMs = 100;
 
+// Every frame that enters the pipe is a send, whichever thread finally writes it (a
+// queued time-out answer is written by the receive as it drains the pipe): its lines are
+// the send's.
+constexpr char kSendWriter[] = "__selfloop_send";
+
 // A frame buffer that can wait in the interface's queue. Allocated with room for just
 // its own payload when it is queued.
 struct QueuedFrame {
@@ -141,7 +146,7 @@ void __selfloop_flush(Selfloop *s)
             return; // still full: the next receive tries again
         }
         if (err != 0) {
-            DM_LOG_ERR("__selfloop_send: write fail.errno=%d\n", err);
+            DM_LOG_ERR_AS(kSendWriter, "__selfloop_send: write fail.errno=%d\n", err);
         }
         // Written, or failed for good (logged): either way it leaves the queue.
         s->head = qf->next;
@@ -171,34 +176,38 @@ void __selfloop_drop_queue(Selfloop *s)
 
 // Fills the frame's header and payload. 0, 22 for a payload over 4096 bytes, or the
 // failing memcpy_s status (an empty payload is still copied, so a null pointer fails).
+// Logs as `writer`.
 int __selfloop_fill_frame(SELF_MSG_ST *frame, uint32_t type, const DM_ADDR_ST *addr,
-                          uint32_t addr_len, const DM_DATA_ST *data, uint64_t req_id)
+                          uint32_t addr_len, const DM_DATA_ST *data, uint64_t req_id,
+                          const char *writer)
 {
     frame->addr = *addr;
     frame->addr_len = addr_len;
     frame->req_id = req_id;
     frame->type = type;
     if (data->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERR("__selfloop_send: msg->data_len too long.msg->data_len=%d\n", data->data_len);
+        DM_LOG_ERR_AS(writer, "__selfloop_send: msg->data_len too long.msg->data_len=%d\n",
+                      data->data_len);
         return 22;
     }
     frame->data_len = data->data_len;
     int ret = memcpy_s(frame->data, DM_MAX_DATA_LEN, data->data, data->data_len);
     if (ret != 0) {
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
     }
     return ret;
 }
 
 // Writes a caller's frame now or refuses it with EAGAIN; it never waits in memory.
-int __selfloop_put(Selfloop *s, const SELF_MSG_ST *frame, uint32_t len)
+// Logs as `writer`.
+int __selfloop_put(Selfloop *s, const SELF_MSG_ST *frame, uint32_t len, const char *writer)
 {
     std::lock_guard<std::mutex> guard(s->lock);
     const int err = (s->head == nullptr && __selfloop_fits(s, len))
                         ? __selfloop_write(s, frame, len)
                         : EAGAIN;
     if (err != 0) {
-        DM_LOG_ERR("__selfloop_send: write fail.errno=%d\n", err);
+        DM_LOG_ERR_AS(writer, "__selfloop_send: write fail.errno=%d\n", err);
     }
     return err;
 }
@@ -216,9 +225,9 @@ int32_t __selfloop_send(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, uint3
         free(frame);
         return -22;
     }
-    int ret = __selfloop_fill_frame(frame, type, addr, addr_len, data, req_id);
+    int ret = __selfloop_fill_frame(frame, type, addr, addr_len, data, req_id, __func__);
     if (ret == 0) {
-        ret = __selfloop_put(selfloop_of(intf), frame, kHeaderLen + frame->data_len);
+        ret = __selfloop_put(selfloop_of(intf), frame, kHeaderLen + frame->data_len, __func__);
     }
     free(frame);
     return ret;
@@ -232,32 +241,35 @@ int32_t __selfloop_send_ex(DM_INTF_ST *intf, uint32_t type, DM_ADDR_ST *addr, ui
     return __selfloop_send(intf, type, addr, addr_len, data, req_id);
 }
 
-// Reads one frame into `tmp`. 0, or -1 for a framing error. Caller holds the lock.
-int __selfloop_read_frame(Selfloop *s, int fd, SELF_MSG_ST *tmp)
+// Reads one frame into `tmp`. 0, or -1 for a framing error (logged as `writer`). Caller
+// holds the lock.
+int __selfloop_read_frame(Selfloop *s, int fd, SELF_MSG_ST *tmp, const char *writer)
 {
     ssize_t ret = mmReadFile(fd, tmp, kHeaderLen);
     if (ret != static_cast<ssize_t>(kHeaderLen)) {
-        DM_CHECK_FAILED("ret == (sizeof(SELF_MSG_ST) - 4096)");
-        DM_LOG_ERR("errno=%d\n", errno);
+        DM_CHECK_FAILED_AS(writer, "ret == (sizeof(SELF_MSG_ST) - 4096)");
+        DM_LOG_ERR_AS(writer, "errno=%d\n", errno);
         return -1;
     }
     const bool empty_allowed = tmp->reserved == kTimeoutRspMark;
     if ((tmp->data_len == 0 && !empty_allowed) || tmp->data_len > DM_MAX_DATA_LEN) {
         __selfloop_consumed(s, kHeaderLen);
-        DM_LOG_ERR("%s%d\r\n", "__selfloop_recv: msg->data_len too long=", tmp->data_len);
+        DM_LOG_ERR_AS(writer, "%s%d\r\n", "__selfloop_recv: msg->data_len too long=",
+                      tmp->data_len);
         return -1;
     }
     ret = tmp->data_len != 0 ? mmReadFile(fd, tmp->data, tmp->data_len) : 0;
     __selfloop_consumed(s, kHeaderLen + tmp->data_len);
     if (ret != static_cast<ssize_t>(tmp->data_len)) {
-        DM_CHECK_FAILED("tmp->data_len == ret");
-        DM_LOG_ERR("__selfloop_recv: read fail.errno= %d\n", errno);
+        DM_CHECK_FAILED_AS(writer, "tmp->data_len == ret");
+        DM_LOG_ERR_AS(writer, "__selfloop_recv: read fail.errno= %d\n", errno);
         return -1;
     }
     return 0;
 }
 
-int32_t __selfloop_fill_msg(const SELF_MSG_ST *tmp, DM_MSG_ST *msg)
+// Logs as `writer`.
+int32_t __selfloop_fill_msg(const SELF_MSG_ST *tmp, DM_MSG_ST *msg, const char *writer)
 {
     msg->type = tmp->type;
     *msg->addr = tmp->addr;
@@ -266,7 +278,7 @@ int32_t __selfloop_fill_msg(const SELF_MSG_ST *tmp, DM_MSG_ST *msg)
     msg->src_id = 0;
     msg->src_type = 1;
     msg->src_index = 1;
-    DM_LOG_INFO("selfloop data_len %d, 0x%x\n", tmp->data_len, tmp->data[0]);
+    DM_LOG_INFO_AS(writer, "selfloop data_len %d, 0x%x\n", tmp->data_len, tmp->data[0]);
     const uint16_t capacity = msg->data.data_len;
     if (capacity >= tmp->data_len) {
         msg->data.data_len = tmp->data_len;
@@ -276,7 +288,7 @@ int32_t __selfloop_fill_msg(const SELF_MSG_ST *tmp, DM_MSG_ST *msg)
     }
     int ret = memcpy_s(msg->data.data, capacity, tmp->data, tmp->data_len);
     if (ret != 0) {
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
     }
     return ret;
 }
@@ -300,21 +312,21 @@ int32_t __selfloop_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST 
     int32_t ret = 0;
     {
         std::lock_guard<std::mutex> guard(s->lock);
-        ret = __selfloop_read_frame(s, fd, tmp);
+        ret = __selfloop_read_frame(s, fd, tmp, __func__);
         __selfloop_flush(s);
     }
     s->delivering_timeout = ret == 0 && tmp->reserved == kTimeoutRspMark;
     if (ret == 0) {
-        ret = __selfloop_fill_msg(tmp, msg);
+        ret = __selfloop_fill_msg(tmp, msg, __func__);
     }
     free(tmp);
     return ret;
 }
 
-void __selfloop_close_fd(int fd)
+void __selfloop_close_fd(int fd, const char *writer)
 {
     if (mmCloseFile(fd) != 0) {
-        DM_ASSERT_FAILED("ret == 0");
+        DM_ASSERT_FAILED_AS(writer, "ret == 0");
     }
 }
 
@@ -325,8 +337,8 @@ int32_t __selfloop_close(DM_INTF_ST *intf)
     s->lock.~mutex();
     // Only the context's own self-loop gives its pipe back; keep it that way.
     if (same_name(intf->name, kSelfloopName)) {
-        __selfloop_close_fd(intf->fd);
-        __selfloop_close_fd(intf->wfd);
+        __selfloop_close_fd(intf->fd, __func__);
+        __selfloop_close_fd(intf->wfd, __func__);
     }
     return 0;
 }
@@ -355,8 +367,8 @@ void __selfloop_grow_pipe(Selfloop *s)
 }
 
 // pipe, then non-blocking and close-on-exec on both ends. 0 or errno; on failure no
-// descriptor stays open.
-int __selfloop_make_pipe(Selfloop *s)
+// descriptor stays open. Logs as `writer`.
+int __selfloop_make_pipe(Selfloop *s, const char *writer)
 {
     int fds[2] = {-1, -1};
     int ret = pipe(fds) == 0 ? 0 : errno;
@@ -370,7 +382,7 @@ int __selfloop_make_pipe(Selfloop *s)
         }
     }
     if (ret != 0) {
-        DM_CHECK_FAILED("ret == 0");
+        DM_CHECK_FAILED_AS(writer, "ret == 0");
         if (fds[0] >= 0) {
             close(fds[0]);
             close(fds[1]);
@@ -383,15 +395,15 @@ int __selfloop_make_pipe(Selfloop *s)
     return 0;
 }
 
-void __selfloop_close_pipe(int fd, int wfd)
+void __selfloop_close_pipe(int fd, int wfd, const char *writer)
 {
     int ret_t = mmCloseFile(fd);
     if (ret_t != 0) {
-        DM_ASSERT_FAILED("ret_t == 0");
+        DM_ASSERT_FAILED_AS(writer, "ret_t == 0");
     }
     ret_t = mmCloseFile(wfd);
     if (ret_t != 0) {
-        DM_ASSERT_FAILED("ret_t == 0");
+        DM_ASSERT_FAILED_AS(writer, "ret_t == 0");
     }
 }
 
@@ -420,8 +432,8 @@ void __selfloop_fill(Selfloop *s, DM_CB_ST *dm_cb, const DM_ADDR_ST *addr)
 // Registers the finished record. A refusal by the list leaves the record ours to undo; a
 // refusal by the poller has already run the record's close slot and released it. That
 // slot keeps the pipe of a record not named "selfloop" open, so those descriptors are
-// closed here; nothing else is touched twice.
-int __selfloop_register(DM_CB_ST *dm_cb, Selfloop *s)
+// closed here; nothing else is touched twice. Logs as `writer`.
+int __selfloop_register(DM_CB_ST *dm_cb, Selfloop *s, const char *writer)
 {
     const int fd = s->intf.fd;
     const int wfd = s->intf.wfd;
@@ -433,10 +445,10 @@ int __selfloop_register(DM_CB_ST *dm_cb, Selfloop *s)
     }
     if (released) {
         if (!closes_own_pipe) {
-            __selfloop_close_pipe(fd, wfd);
+            __selfloop_close_pipe(fd, wfd, writer);
         }
     } else {
-        __selfloop_close_pipe(fd, wfd);
+        __selfloop_close_pipe(fd, wfd, writer);
         s->lock.~mutex();
         free(s);
     }
@@ -444,23 +456,24 @@ int __selfloop_register(DM_CB_ST *dm_cb, Selfloop *s)
 }
 
 // Allocates and zeroes the record and gives it its name. 0, 12 or the failing status.
-int __selfloop_alloc(const char *name, Selfloop **out)
+// Logs as `writer`.
+int __selfloop_alloc(const char *name, Selfloop **out, const char *writer)
 {
     auto *s = static_cast<Selfloop *>(malloc(sizeof(Selfloop)));
     if (s == nullptr) {
-        DM_CHECK_FAILED("intf != ((void *)0)");
+        DM_CHECK_FAILED_AS(writer, "intf != ((void *)0)");
         return 12;
     }
     int ret = memset_s(s, sizeof(Selfloop), 0, sizeof(Selfloop));
     if (ret != 0) {
-        DM_CHECK_FAILED("ret == 0");
-        DM_LOG_ERR("memset_s fail:%d\n", ret);
+        DM_CHECK_FAILED_AS(writer, "ret == 0");
+        DM_LOG_ERR_AS(writer, "memset_s fail:%d\n", ret);
         free(s);
         return ret;
     }
     ret = strncpy_s(s->intf.name, DM_INTF_NAME_LEN, name, DM_INTF_NAME_LEN - 1);
     if (ret != 0) {
-        DM_LOG_ERR("strncpy_s error\n");
+        DM_LOG_ERR_AS(writer, "strncpy_s error\n");
         free(s);
         return ret;
     }
@@ -498,18 +511,18 @@ extern "C" int selfloop_init(DM_INTF_ST **out, DM_CB_ST *dm_cb, DM_ADDR_ST *addr
         return 16;
     }
     Selfloop *s = nullptr;
-    ret = __selfloop_alloc(intf_name, &s);
+    ret = __selfloop_alloc(intf_name, &s, __func__);
     if (ret != 0) {
         return ret;
     }
     __selfloop_fill(s, dm_cb, addr);
-    ret = __selfloop_make_pipe(s);
+    ret = __selfloop_make_pipe(s, __func__);
     if (ret != 0) {
         s->lock.~mutex();
         free(s);
         return ret;
     }
-    ret = __selfloop_register(dm_cb, s);
+    ret = __selfloop_register(dm_cb, s, __func__);
     if (ret == 0 && out != nullptr) {
         *out = &s->intf;
     }
@@ -530,12 +543,12 @@ int selfloop_send_timeout_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_
     const uint16_t len = data->data_len > DM_MAX_DATA_LEN ? DM_MAX_DATA_LEN : data->data_len;
     auto *qf = static_cast<QueuedFrame *>(malloc(kQueuedHeader + len));
     if (qf == nullptr) {
-        DM_CHECK_FAILED("(req != ((void *)0))");
+        DM_CHECK_FAILED_AS(kSendWriter, "(req != ((void *)0))");
         return -12;
     }
     const int ret = memset_s(qf, kQueuedHeader, 0, kQueuedHeader);
     if (ret != 0) {
-        DM_LOG_ERR("__selfloop_send: memset_s fail.errno=%d\n", ret);
+        DM_LOG_ERR_AS(kSendWriter, "__selfloop_send: memset_s fail.errno=%d\n", ret);
         free(qf);
         return ret;
     }
@@ -548,7 +561,7 @@ int selfloop_send_timeout_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_
     frame->reserved = kTimeoutRspMark;
     frame->data_len = len;
     if (len != 0 && (data->data == nullptr || memcpy_s(frame->data, len, data->data, len) != 0)) {
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(kSendWriter, "memcpy_s error\n");
         frame->data_len = 0;
         qf->len = kHeaderLen;
     }

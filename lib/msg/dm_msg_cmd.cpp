@@ -40,8 +40,8 @@ void store_default_hndl(DM_CB_ST *cb, DM_DEFAULT_HNDL_FN fn)
 }
 
 // Gives `reg` its own copy of the caller's user data. 0, -12 or the failing status;
-// on failure the copy is gone and `reg` is untouched.
-int __dm_cmd_copy_user_data(CmdReg *reg, const void *user_data, int size)
+// on failure the copy is gone and `reg` is untouched. Logs as `writer`.
+int __dm_cmd_copy_user_data(CmdReg *reg, const void *user_data, int size, const char *writer)
 {
     const auto len = static_cast<size_t>(size);
     void *copy = malloc(len);
@@ -50,14 +50,14 @@ int __dm_cmd_copy_user_data(CmdReg *reg, const void *user_data, int size)
     }
     int ret = memset_s(copy, len, 0, len);
     if (ret != 0) {
-        DM_LOG_ERR("memset_s fail: %d\n", ret);
+        DM_LOG_ERR_AS(writer, "memset_s fail: %d\n", ret);
         free(copy);
         return ret;
     }
     ret = memcpy_s(copy, len, user_data, len);
     if (ret != 0) {
         free(copy);
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
         return ret;
     }
     reg->user_data = copy;
@@ -143,7 +143,7 @@ int dm_cmd_register(DM_CB_ST *dm_cb, DM_CMD_HANDLER_FN handler, DM_DEFAULT_HNDL_
     reg->handler = handler;
     store_default_hndl(dm_cb, default_hndl);
     if (user_data != nullptr) {
-        ret = __dm_cmd_copy_user_data(reg, user_data, size);
+        ret = __dm_cmd_copy_user_data(reg, user_data, size, __func__);
         if (ret != 0) {
             free(reg);
             return ret;

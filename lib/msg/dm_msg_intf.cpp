@@ -224,40 +224,40 @@ private:
     bool armed_ = false;
 };
 
-// Creates what a context owns, in order, stopping at the first failure.
-int __dm_build_context(DM_CB_ST *cb)
+// Creates what a context owns, in order, stopping at the first failure. Logs as `writer`.
+int __dm_build_context(DM_CB_ST *cb, const char *writer)
 {
     int ret = poller_create(&cb->poller);
     if (ret != 0) {
-        DM_LOG_ERR("call poller_create fail,ret:%d\r\n", ret);
+        DM_LOG_ERR_AS(writer, "call poller_create fail,ret:%d\r\n", ret);
         return ret;
     }
     // Without a thread the probe never fires; the poller's release frees it.
     PollerStartProbe probe(cb->poller);
     ret = poller_run(cb->poller);
     if (ret != 0) {
-        DM_LOG_ERR("call poller_run fail,ret:%d\r\n", ret);
+        DM_LOG_ERR_AS(writer, "call poller_run fail,ret:%d\r\n", ret);
         return ret;
     }
     probe.wait();
     ret = list_create(&cb->intf_list, __dm_intf_cmp, __dm_intf_free);
     if (ret != 0) {
-        DM_LOG_ERR("create intf list fail,ret:%d\r\n", ret);
+        DM_LOG_ERR_AS(writer, "create intf list fail,ret:%d\r\n", ret);
         return ret;
     }
     ret = list_create(&cb->pending_list, __dm_pending_cmp, __dm_pending_free);
     if (ret != 0) {
-        DM_LOG_ERR("create pending list fail,ret:%d\r\n", ret);
+        DM_LOG_ERR_AS(writer, "create pending list fail,ret:%d\r\n", ret);
         return ret;
     }
     ret = list_create(&cb->cmd_reg_list, __dm_cmd_cmp, __dm_cmd_free);
     if (ret != 0) {
-        DM_LOG_ERR("create cmd_reg_list fail,ret:%d\r\n", ret);
+        DM_LOG_ERR_AS(writer, "create cmd_reg_list fail,ret:%d\r\n", ret);
         return ret;
     }
     ret = selfloop_init(nullptr, cb, nullptr, nullptr, 0);
     if (ret != 0) {
-        DM_LOG_ERR("selfloop init fail,ret:%d\r\n", ret);
+        DM_LOG_ERR_AS(writer, "selfloop init fail,ret:%d\r\n", ret);
     }
     return ret;
 }
@@ -331,7 +331,7 @@ int dm_init(DM_CB_ST **dm_cb)
     }
     new (&ctx->requests) RequestTable();
     *dm_cb = &ctx->cb;
-    ret = __dm_build_context(&ctx->cb);
+    ret = __dm_build_context(&ctx->cb, __func__);
     if (ret != 0) {
         dm_destroy(&ctx->cb);
         *dm_cb = nullptr;

@@ -59,6 +59,15 @@ size_t payload_room(uint16_t len)
 // The payload starts right behind the record, and the user data behind the payload.
 static_assert(sizeof(PendingReq) % alignof(std::max_align_t) == 0);
 
+// Where the user data copy starts, from the start of the record: callers typically store
+// a pointer there and read it back through the callback's argument, so it gets the
+// alignment that malloc would have given it.
+size_t user_data_offset(uint16_t len)
+{
+    constexpr size_t align = alignof(std::max_align_t);
+    return (sizeof(PendingReq) + payload_room(len) + align - 1) / align * align;
+}
+
 uint8_t *payload_of(PendingReq *req) { return reinterpret_cast<uint8_t *>(req + 1); }
 
 } // namespace
@@ -82,41 +91,42 @@ int __dm_timeout_handle(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
                         uint32_t user_data_len);
 
 // Allocates and zeroes the record with room for the payload and the user data. 0, -12,
-// or the failing memset_s status (logged).
+// or the failing memset_s status (logged as `writer`).
 int __dm_pending_alloc(const DM_DATA_ST *data, uint32_t user_data_len, const void *user_data,
-                       PendingReq **out)
+                       PendingReq **out, const char *writer)
 {
     const uint16_t len = data->data_len > DM_MAX_DATA_LEN ? DM_MAX_DATA_LEN : data->data_len;
     const size_t user_len = user_data != nullptr ? user_data_len : 0U;
-    const size_t size = sizeof(PendingReq) + payload_room(len) + user_len;
+    const size_t size = user_data_offset(len) + user_len;
     auto *req = static_cast<PendingReq *>(malloc(size));
     if (req == nullptr) {
         return -12;
     }
     const int ret = memset_s(req, size, 0, size);
     if (ret != 0) {
-        DM_LOG_ERR("memset_s fail: %d\n", ret);
+        DM_LOG_ERR_AS(writer, "memset_s fail: %d\n", ret);
         free(req);
         return ret;
     }
     req->data.data_len = len;
     req->data.data = payload_of(req);
     if (user_len != 0) {
-        req->user_data = payload_of(req) + payload_room(len);
+        req->user_data = reinterpret_cast<uint8_t *>(req) + user_data_offset(len);
     }
     *out = req;
     return 0;
 }
 
-// Copies the request data (cut to 4096 bytes) and the user data into the record.
+// Copies the request data (cut to 4096 bytes) and the user data into the record; a
+// failure is logged as `writer`.
 int __dm_pending_copy(PendingReq *req, const DM_DATA_ST *data, const void *user_data,
-                      uint32_t user_data_len)
+                      uint32_t user_data_len, const char *writer)
 {
     // Always copied, also when empty: an empty request must still point at something.
     int ret = memmove_s(req->data.data, payload_room(req->data.data_len), data->data,
                         req->data.data_len);
     if (ret != 0) {
-        DM_LOG_ERR("memmove_s error\n");
+        DM_LOG_ERR_AS(writer, "memmove_s error\n");
         return ret;
     }
     if (req->user_data == nullptr) {
@@ -124,7 +134,7 @@ int __dm_pending_copy(PendingReq *req, const DM_DATA_ST *data, const void *user_
     }
     ret = memmove_s(req->user_data, user_data_len, user_data, user_data_len);
     if (ret != 0) {
-        DM_LOG_ERR("memmove_s error\n");
+        DM_LOG_ERR_AS(writer, "memmove_s error\n");
         return ret;
     }
     req->user_data_len = user_data_len;
@@ -175,7 +185,7 @@ int __dm_pending_req_add(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, 
         return -12;
     }
     PendingReq *req = nullptr;
-    int ret = __dm_pending_alloc(data, user_data_len, user_data, &req);
+    int ret = __dm_pending_alloc(data, user_data_len, user_data, &req, __func__);
     if (ret != 0) {
         return ret;
     }
@@ -184,7 +194,7 @@ int __dm_pending_req_add(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, 
     req->addr_len = addr_len;
     req->rsp_cb = rsp_cb;
     req->id = __dm_next_req_id();
-    ret = __dm_pending_copy(req, data, user_data, user_data_len);
+    ret = __dm_pending_copy(req, data, user_data, user_data_len, __func__);
     if (ret != 0) {
         free(req);
         return ret;
@@ -252,13 +262,13 @@ void __dm_checkin(Context *ctx, PendingReq *req)
 }
 
 // One more send of a request whose timer expired. Returns false when the re-send or the
-// re-arm failed, which ends the retries at once.
-bool __dm_resend(Context *ctx, PendingReq *req, uint32_t period_ms)
+// re-arm failed, which ends the retries at once. Logs as `writer`.
+bool __dm_resend(Context *ctx, PendingReq *req, uint32_t period_ms, const char *writer)
 {
     DM_INTF_ST *intf = req->intf;
     int ret = intf->send_msg(intf, DM_MSG_REQ, &req->addr, req->addr_len, &req->data, req->id);
     if (ret == 0) {
-        DM_LOG_INFO("process timeout, retry call intf->send_msg ret = %d\n", ret);
+        DM_LOG_INFO_AS(writer, "process timeout, retry call intf->send_msg ret = %d\n", ret);
         TimerKey key{ctx, req->id};
         ret = poller_timer_add(ctx->cb.poller, period_ms, __dm_timeout_handle, &key, sizeof(key),
                                &req->timer);
@@ -267,8 +277,8 @@ bool __dm_resend(Context *ctx, PendingReq *req, uint32_t period_ms)
 }
 
 // The retries are used up: the interface's timeout_hndl builds the stand-in response,
-// which reaches the caller through the self-loop like a real answer.
-void __dm_report_timeout(Context *ctx, PendingReq *req)
+// which reaches the caller through the self-loop like a real answer. Logs as `writer`.
+void __dm_report_timeout(Context *ctx, PendingReq *req, const char *writer)
 {
     DM_INTF_ST *intf = req->intf;
     DM_DATA_ST response = req->data;
@@ -277,7 +287,7 @@ void __dm_report_timeout(Context *ctx, PendingReq *req)
     if (intf->timeout_hndl != nullptr) {
         intf->timeout_hndl(&req->data, &response);
     }
-    DM_LOG_INFO("finish call intf->timeout_hndl\n");
+    DM_LOG_INFO_AS(writer, "finish call intf->timeout_hndl\n");
     DM_INTF_ST *loop = same_name(intf->name, kSelfloopName)
                            ? intf
                            : dm_get_intf(&ctx->cb, kSelfloopName, kSelfloopNameSize);
@@ -290,7 +300,7 @@ void __dm_report_timeout(Context *ctx, PendingReq *req)
     if (selfloop_send_timeout_rsp(loop, &req->addr, req->addr_len, &response, req->id) < 0) {
         (void)dm_send_rsp(loop, &req->addr, req->addr_len, &response, req->id);
     }
-    DM_LOG_INFO("finish call dm_send_rsp\n");
+    DM_LOG_INFO_AS(writer, "finish call dm_send_rsp\n");
 }
 
 int __dm_timeout_handle(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
@@ -312,13 +322,13 @@ int __dm_timeout_handle(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
     }
     if (req->retry_left > 0) {
         req->retry_left--;
-        if (!__dm_resend(key.ctx, req, period_ms)) {
+        if (!__dm_resend(key.ctx, req, period_ms, __func__)) {
             DM_LOG_INFO("finish call intf->send_msg");
             req->retry_left = 0;
         }
     }
     if (req->retry_left == 0) {
-        __dm_report_timeout(key.ctx, req);
+        __dm_report_timeout(key.ctx, req, __func__);
     }
     __dm_checkin(key.ctx, req);
     return 0;

@@ -10,7 +10,6 @@
 #include "common/dm_log.h"
 #include "poller/poller_hooks.h"
 #include "poller/poller_internal.h"
-#include "poller/poller_time.h"
 
 // The error-line limiter shared by every file of this unit.
 DM_LOG_DEFINE_UNIT()
@@ -43,15 +42,16 @@ int __poller_recv_notice(int fd, int revents, void *user_data, uint32_t user_dat
     return 0;
 }
 
-void __poller_close_notifier(POLLER_ST *poller)
+// Logs as `writer`, the notifier's owner.
+void __poller_close_notifier(POLLER_ST *poller, const char *writer)
 {
     int ret_t = mmCloseFile(poller->notify_fd[0]);
     if (ret_t != 0) {
-        DM_ASSERT_FAILED("ret_t == 0");
+        DM_ASSERT_FAILED_AS(writer, "ret_t == 0");
     }
     ret_t = mmCloseFile(poller->notify_fd[1]);
     if (ret_t != 0) {
-        DM_ASSERT_FAILED("ret_t == 0");
+        DM_ASSERT_FAILED_AS(writer, "ret_t == 0");
     }
     poller->notify_fd[0] = -1;
     poller->notify_fd[1] = -1;
@@ -82,7 +82,7 @@ int __poller_self_notifier_init(POLLER_ST *poller)
                             sizeof(self));
     }
     if (ret != 0 && poller->notify_fd[0] != -1) {
-        __poller_close_notifier(poller);
+        __poller_close_notifier(poller, __func__);
     }
     return ret;
 }

@@ -7,7 +7,7 @@
 
 using namespace velmar::poller;
 
-int poller_init_entry(POLLER_FD_ENTRY_ST **out, int fd, int16_t events, POLLER_FD_CALLBACK cb)
+extern "C" int poller_init_entry(POLLER_FD_ENTRY_ST **out, int fd, int16_t events, POLLER_FD_CALLBACK cb)
 {
     auto *entry = static_cast<POLLER_FD_ENTRY_ST *>(malloc(sizeof(POLLER_FD_ENTRY_ST)));
     if (entry == nullptr) {

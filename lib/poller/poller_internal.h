@@ -56,7 +56,7 @@ struct POLLER_FD_ENTRY_ST {
 };
 
 struct POLLER_TIMER_ENTRY_ST {
-    mmTimespec deadline; // moment of adding plus the interval
+    POLLER_TIME_ST deadline; // moment of adding plus the interval
     uint32_t interval_ms;
     POLLER_TIMER_CALLBACK callback;
     void *user_data;
@@ -73,6 +73,17 @@ static_assert(offsetof(POLLER_FD_ENTRY_ST, user_data_len) ==
 static_assert(offsetof(POLLER_FD_ENTRY_ST, removed) == offsetof(POLLER_TIMER_ENTRY_ST, removed));
 static_assert(offsetof(POLLER_FD_ENTRY_ST, unused) == offsetof(POLLER_TIMER_ENTRY_ST, callback));
 static_assert(sizeof(struct pollfd) == 8);
+// The clock's readings are stored as they come.
+static_assert(sizeof(POLLER_TIME_ST) == sizeof(mmTimespec));
+static_assert(offsetof(POLLER_TIME_ST, tv_nsec) == offsetof(mmTimespec, tv_nsec));
+
+namespace velmar::poller {
+inline POLLER_TIME_ST poller_now()
+{
+    const mmTimespec now = mmGetTickCount();
+    return POLLER_TIME_ST{now.tv_sec, now.tv_nsec};
+}
+} // namespace velmar::poller
 
 namespace velmar::poller {
 
@@ -190,7 +201,6 @@ inline int copy_user_data(void **out, const void *src, int32_t len, CopyFailure 
 // ---- Operations shared between the poller's source files (hidden) -----------------------
 
 // poller_fds.cpp
-int poller_init_entry(POLLER_FD_ENTRY_ST **out, int fd, int16_t events, POLLER_FD_CALLBACK cb);
 void __poller_dispatch_fds(POLLER_ST *poller);
 
 // poller_pollset.cpp: fills *fds with the descriptors of `list`, growing it when needed,
@@ -198,8 +208,6 @@ void __poller_dispatch_fds(POLLER_ST *poller);
 void __poller_load_fds(LIST_ST *list, struct pollfd **fds, uint32_t *nfds, uint32_t *size);
 
 // poller_timers.cpp
-int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
-                            POLLER_TIMER_CALLBACK cb);
 void __poller_run_timers(POLLER_ST *poller);
 // The timer index's life follows the poller's: made by poller_create (0 or 12), released
 // by __poller_free after the timer list.

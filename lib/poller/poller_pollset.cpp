@@ -18,20 +18,21 @@ constexpr uint32_t grown_capacity(uint32_t count)
 
 // Replaces the array with a zeroed one of the next capacity above `count`. On failure
 // *fds / *size describe an array that may be used again by a later pass (possibly none).
-bool __poller_grow_fds(struct pollfd **fds, uint32_t *size, uint32_t count)
+// Logs as `writer`.
+bool __poller_grow_fds(struct pollfd **fds, uint32_t *size, uint32_t count, const char *writer)
 {
     const uint32_t capacity = grown_capacity(count);
     const size_t bytes = static_cast<size_t>(capacity) * sizeof(struct pollfd);
     auto *grown = static_cast<struct pollfd *>(malloc(bytes));
     if (grown == nullptr) {
-        DM_LOG_ERR("malloc fail. errno=%d.", errno);
+        DM_LOG_ERR_AS(writer, "malloc fail. errno=%d.", errno);
         return false; // the old array and its capacity stay as they were
     }
     free(*fds);
     *fds = grown;
     *size = capacity;
     if (memset_s(grown, bytes, 0, bytes) != 0) {
-        DM_LOG_ERR("memset_s fail. errno=%d.", errno);
+        DM_LOG_ERR_AS(writer, "memset_s fail. errno=%d.", errno);
         // The contents cannot be trusted; a capacity of 0 makes the next pass grow (and
         // zero) again instead of handing stale slots to poll().
         *size = 0;
@@ -57,7 +58,7 @@ void __poller_load_fds(LIST_ST *list, struct pollfd **fds, uint32_t *nfds, uint3
         return;
     }
     *nfds = list_size(list);
-    if ((*size == 0 || *size < *nfds) && !__poller_grow_fds(fds, size, *nfds)) {
+    if ((*size == 0 || *size < *nfds) && !__poller_grow_fds(fds, size, *nfds, __func__)) {
         // The array may hold fewer slots than the list has entries; watching nothing in
         // this pass is the one count that is safe whatever the array holds. Timers still
         // run, and the next pass tries to grow again.

@@ -1,6 +1,7 @@
-#include "poller/poller_time.h"
-
+// Time arithmetic of the poller's timers on the adapter's monotonic tick count.
 #include "poller/poller_internal.h"
+
+using velmar::poller::poller_now;
 
 namespace {
 constexpr int64_t kNsPerSec = 1000000000;
@@ -8,7 +9,7 @@ constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kMsPerSec = 1000;
 } // namespace
 
-int poller_time_cmp(const mmTimespec *a, const mmTimespec *b)
+extern "C" int poller_time_cmp(const POLLER_TIME_ST *a, const POLLER_TIME_ST *b)
 {
     if (a->tv_sec != b->tv_sec) {
         return a->tv_sec > b->tv_sec ? 1 : -1;
@@ -19,12 +20,12 @@ int poller_time_cmp(const mmTimespec *a, const mmTimespec *b)
     return 0;
 }
 
-int32_t poller_time_diff_ms(mmTimespec *out, const mmTimespec *a, const mmTimespec *b)
+extern "C" int32_t poller_time_diff_ms(POLLER_TIME_ST *out, const POLLER_TIME_ST *a, const POLLER_TIME_ST *b)
 {
     if (poller_time_cmp(a, b) <= 0) {
         return -1;
     }
-    mmTimespec diff{a->tv_sec - b->tv_sec, a->tv_nsec - b->tv_nsec};
+    POLLER_TIME_ST diff{a->tv_sec - b->tv_sec, a->tv_nsec - b->tv_nsec};
     while (diff.tv_nsec < 0) {
         diff.tv_nsec += kNsPerSec;
         diff.tv_sec -= 1;
@@ -35,9 +36,9 @@ int32_t poller_time_diff_ms(mmTimespec *out, const mmTimespec *a, const mmTimesp
     return static_cast<int32_t>(diff.tv_nsec / kNsPerMs + diff.tv_sec * kMsPerSec);
 }
 
-void poller_time_add_ms(mmTimespec *out, const mmTimespec *base, int32_t ms)
+extern "C" void poller_time_add_ms(POLLER_TIME_ST *out, const POLLER_TIME_ST *base, int32_t ms)
 {
-    mmTimespec sum{base->tv_sec + ms / kMsPerSec, base->tv_nsec + (ms % kMsPerSec) * kNsPerMs};
+    POLLER_TIME_ST sum{base->tv_sec + ms / kMsPerSec, base->tv_nsec + (ms % kMsPerSec) * kNsPerMs};
     while (sum.tv_nsec > kNsPerSec - 1) {
         sum.tv_nsec -= kNsPerSec;
         sum.tv_sec += 1;
@@ -45,9 +46,9 @@ void poller_time_add_ms(mmTimespec *out, const mmTimespec *base, int32_t ms)
     *out = sum;
 }
 
-void poller_time_sub_ms(mmTimespec *out, const mmTimespec *base, int32_t ms)
+extern "C" void poller_time_sub_ms(POLLER_TIME_ST *out, const POLLER_TIME_ST *base, int32_t ms)
 {
-    mmTimespec diff{base->tv_sec - ms / kMsPerSec, base->tv_nsec - (ms % kMsPerSec) * kNsPerMs};
+    POLLER_TIME_ST diff{base->tv_sec - ms / kMsPerSec, base->tv_nsec - (ms % kMsPerSec) * kNsPerMs};
     while (diff.tv_nsec < 0) {
         diff.tv_nsec += kNsPerSec;
         diff.tv_sec -= 1;
@@ -55,8 +56,8 @@ void poller_time_sub_ms(mmTimespec *out, const mmTimespec *base, int32_t ms)
     *out = diff;
 }
 
-int32_t poller_ms_until(const POLLER_TIMER_ENTRY_ST *entry)
+extern "C" int32_t poller_ms_until(const POLLER_TIMER_ENTRY_ST *entry)
 {
-    const mmTimespec now = mmGetTickCount();
+    const POLLER_TIME_ST now = poller_now();
     return poller_time_diff_ms(nullptr, &entry->deadline, &now);
 }

@@ -22,7 +22,6 @@
 #include "common/dm_log.h"
 #include "list/list_nodes.h"
 #include "poller/poller_internal.h"
-#include "poller/poller_time.h"
 
 using namespace velmar::poller;
 
@@ -62,8 +61,8 @@ void __poller_retire_and_remove(POLLER_ST *poller, LIST_NODE_ST *node,
 }
 
 // Inserts the finished entry in deadline order and indexes it. 0, 12 when the index
-// cannot grow, or the list's code (logged).
-int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry)
+// cannot grow, or the list's code (logged as `writer`).
+int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry, const char *writer)
 {
     TimerIndex *index = poller->timer_index;
     try {
@@ -78,7 +77,7 @@ int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry)
     std::lock_guard<std::mutex> guard(index->mutex);
     if (ret != 0) {
         index->nodes.erase(entry);
-        DM_LOG_ERR("failed to call list_insert_ascend\n");
+        DM_LOG_ERR_AS(writer, "failed to call list_insert_ascend\n");
         return ret;
     }
     index->nodes[entry] = node;
@@ -99,8 +98,8 @@ void __poller_timer_index_destroy(POLLER_ST *poller)
     poller->timer_index = nullptr;
 }
 
-int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
-                            POLLER_TIMER_CALLBACK cb)
+extern "C" int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
+                                       POLLER_TIMER_CALLBACK cb)
 {
     auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(malloc(sizeof(POLLER_TIMER_ENTRY_ST)));
     if (entry == nullptr) {
@@ -112,7 +111,7 @@ int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST **out, uint32_t interval_ms,
         free(entry);
         return ret;
     }
-    const mmTimespec now = mmGetTickCount();
+    const POLLER_TIME_ST now = poller_now();
     poller_time_add_ms(&entry->deadline, &now, static_cast<int32_t>(interval_ms));
     entry->interval_ms = interval_ms;
     entry->callback = cb;
@@ -147,7 +146,7 @@ extern "C" int poller_timer_add(POLLER_ST *poller, uint32_t interval_ms, POLLER_
         entry->user_data_len = static_cast<uint32_t>(len);
     }
     entry->removed = kLive;
-    ret = __poller_link_timer(poller, entry);
+    ret = __poller_link_timer(poller, entry, __func__);
     if (ret != 0) {
         poller_entry_free(entry);
         return ret;
@@ -207,8 +206,8 @@ extern "C" int32_t poller_timer_entry_cmp(void *entry, void *key)
     }
     const auto *left = static_cast<POLLER_TIMER_ENTRY_ST *>(entry);
     const auto *right = static_cast<POLLER_TIMER_ENTRY_ST *>(key);
-    mmTimespec left_start{};
-    mmTimespec right_start{};
+    POLLER_TIME_ST left_start{};
+    POLLER_TIME_ST right_start{};
     poller_time_sub_ms(&left_start, &left->deadline, static_cast<int32_t>(left->interval_ms));
     poller_time_sub_ms(&right_start, &right->deadline, static_cast<int32_t>(right->interval_ms));
     return poller_time_cmp(&left_start, &right_start);

@@ -30,6 +30,10 @@ void check_hash(void)
     hash_table_rm(table, "tag");
     CHECK(c_api_hash_releases == 2);
     CHECK(hash_table_get(table, "tag") == NULL);
+    /* The store step alone, linked into the empty chain of "solo"; the table releases it. */
+    CHECK(hash_table_put2_tag_not_stored(&table->buckets[hash_33("solo") & 1023U], "solo",
+                                         &first, NULL) == 0);
+    CHECK(hash_table_get(table, "solo") == &first && count_hash_table(table) == 1);
     hash_table_delete(table);
     hash_table_delete(NULL);
 }

@@ -20,6 +20,30 @@ static int ignore_timer(uint32_t interval_ms, int32_t elapsed_ms, void *user_dat
     return 0;
 }
 
+/* The poller's exported steps: entries made and released without a poller, and the
+ * clock arithmetic across a second boundary. */
+static void check_poller_steps(void)
+{
+    POLLER_FD_ENTRY_ST *fd_entry = NULL;
+    POLLER_TIMER_ENTRY_ST *timer_entry = NULL;
+    POLLER_TIME_ST a = {5, 999999999};
+    POLLER_TIME_ST b = {0, 0};
+    POLLER_TIME_ST diff = {0, 0};
+
+    CHECK(poller_init_entry(&fd_entry, 0, 1, ignore_fd) == 0 && fd_entry != NULL);
+    poller_entry_free(fd_entry);
+    CHECK(poller_timer_init_entry(&timer_entry, 60000, ignore_timer) == 0 && timer_entry != NULL);
+    CHECK(timer_entry != NULL && poller_ms_until(timer_entry) > 59000);
+    poller_entry_free(timer_entry);
+    poller_time_add_ms(&b, &a, 1);
+    CHECK(b.tv_sec == 6 && b.tv_nsec == 999999);
+    CHECK(poller_time_cmp(&b, &a) == 1 && poller_time_cmp(&a, &b) == -1 && poller_time_cmp(&a, &a) == 0);
+    CHECK(poller_time_diff_ms(&diff, &b, &a) == 1 && diff.tv_sec == 0 && diff.tv_nsec == 1000000);
+    CHECK(poller_time_diff_ms(&diff, &a, &b) == -1);
+    poller_time_sub_ms(&diff, &b, 1);
+    CHECK(diff.tv_sec == a.tv_sec && diff.tv_nsec == a.tv_nsec);
+}
+
 /* Registration and removal on a poller that is never run; the handle is released at once. */
 void check_poller(void)
 {
@@ -42,4 +66,5 @@ void check_poller(void)
     CHECK(poller_timer_remove(poller, &timer) == 0);
     CHECK(poller_timer_remove(poller, NULL) == 22);
     CHECK(poller_destory(poller) == 0);
+    check_poller_steps();
 }

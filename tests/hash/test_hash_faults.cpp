@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dm_platform.h"
+#include "support/log_writer.h"
 #include "support/malloc_faults.h"
 #include "hash_table.h"
 #include "host_platform.h"
@@ -72,6 +73,9 @@ TEST_P(HashPutFailure, ReturnsTheCodeLogsAndLeavesTheTableUnchanged)
     }
     EXPECT_EQ(ret, f.expected);
     EXPECT_EQ(log.count_ending_with(f.line), 1U) << log.dump();
+    // The step's line is its own; the summary is the store's.
+    EXPECT_TRUE(written_by(log, f.line, "hash_table_put2_tag_not_stored"));
+    EXPECT_TRUE(written_by(log, "put tag fail", "hash_table_put2"));
     EXPECT_EQ(log.count_ending_with("put tag fail " + std::to_string(f.expected) + "\n"), 1U)
         << log.dump();
 
@@ -101,6 +105,7 @@ TEST(HashNewFailure, ZeroingFailuresReturnNullWithTheirLines)
         ArmedFault fault(g_memset_fault, c.nth, HOST_SEC_ERANGE);
         EXPECT_EQ(hash_table_new(), nullptr) << "memset_s call " << c.nth;
         EXPECT_EQ(log.count_ending_with(c.line), 1U) << log.dump();
+        EXPECT_TRUE(written_by(log, c.line, "hash_table_new"));
         EXPECT_EQ(log.lines().size(), 1U) << log.dump();
     }
 }

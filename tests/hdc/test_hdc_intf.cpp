@@ -8,12 +8,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "hdc/hdc_test_support.h"
+#include "support/faults.h"
+#include "support/log_writer.h"
 
 using namespace hdc_test;
 
@@ -302,4 +306,64 @@ TEST(HdcIntf, ClosingAnyInterfaceStopsEveryAcceptLoopAndKeepsItsPipe)
     EXPECT_NE(fcntl(fd, F_GETFD), -1);
     EXPECT_NE(fcntl(wfd, F_GETFD), -1);
     // The first loop still waits in its accept; the context's end destroys its server.
+}
+
+TEST(HdcIntf, EveryLineNamesTheFunctionThatReportsIt)
+{
+    HdcContext ctx;
+    DM_HDC_ADDR_ST addr = hdc_addr(DM_HDC_ROLE_CLIENT, 4, 4);
+    auto init = [&] { (void)dm_hdc_init(nullptr, ctx.cb, nullptr, as_addr(&addr), nullptr, 0); };
+    auto hal_fails = [](const char *op) { return [op] { ASSERT_EQ(host_hdc_fail_next(op, 1, 9), 0); }; };
+    auto mem_fails = [](FaultPoint &point, int nth) {
+        return [&point, nth] { point.arm(nth, 34, {.this_thread = true, .core_only = true}); };
+    };
+    // The client and a server for it to connect to; the client's own pipe for raw frames.
+    DM_INTF_ST *client = ctx.open(DM_HDC_ROLE_CLIENT, 26, 27);
+    ASSERT_NE(client, nullptr);
+    HDC_SERVER server = nullptr;
+    ASSERT_EQ(drvHdcServerCreate(27, 0, &server), 0);
+    Inbox inbox;
+    auto send = [&] { (void)request(client, 27, "ping", &inbox); };
+    auto write_header = [&](uint16_t data_len, size_t len) {
+        return [&, data_len, len] {
+            std::string frame = make_frame(0, 0, 0, 0, DM_MSG_RSP, "");
+            memcpy(frame.data() + 28, &data_len, sizeof(data_len));
+            EXPECT_EQ(write(client->wfd, frame.data(), len), static_cast<ssize_t>(len));
+        };
+    };
+    auto nothing = [] {};
+    struct Row {
+        const char *what;
+        std::function<void()> fault;
+        std::function<void()> op;
+        const char *text;
+        const char *writer;
+    };
+    const Row rows[] = {
+        {"capacity", hal_fails("drvHdcGetCapacity"), init, "drvHdcGetCapacity fail: 9\n", "dm_hdc_init"},
+        {"record zeroing", mem_fails(g_memset_fault, 0), init, "memset_s fail: 34\n", "dm_hdc_init"},
+        {"name copy", mem_fails(g_strncpy_fault, 0), init, "strncpy_s error\n", "dm_hdc_init"},
+        {"cell zeroing", mem_fails(g_memset_fault, 1), init, "memset_s fail: 34\n", "__dm_hdc_open"},
+        {"client create", hal_fails("drvHdcClientCreate"), init, "error=9\n", "__dm_hdc_open"},
+        {"duplicate", nothing, [&] { (void)ctx.open(DM_HDC_ROLE_CLIENT, 26, 27); },
+         "duplicate interface [dm_hdc26]\r\n", "dm_hdc_init"},
+        {"connect", hal_fails("drvHdcSessionConnect"), send, "err, ret 9, retry 0\n", "__dm_hdc_client_send"},
+        {"alloc msg", hal_fails("drvHdcAllocMsg"), send, "alloc msg err, ret 9\n", "__dm_hdc_client_send"},
+        {"add msg", hal_fails("drvHdcAddMsgBuffer"), send, "add msg err, ret 9\n", "__dm_hdc_client_send"},
+        {"send", hal_fails("halHdcSend"), send, "send err, ret 9\n", "__dm_hdc_client_send"},
+        {"long frame", nothing, write_header(DM_MAX_DATA_LEN + 1, DM_HDC_HEADER_LEN),
+         "__dm_hdc_recv: msg->data_len too long=4097\n", "__dm_hdc_recv"},
+        {"short header", nothing, write_header(0, 10), "__dm_hdc_recv: read fail.errno=", "__dm_hdc_recv"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        LogCapture log;
+        row.fault();
+        row.op();
+        disarm_platform_faults();
+        host_hdc_fail_clear();
+        EXPECT_TRUE(wait_until([&] { return log.contains(row.text); })) << log.dump();
+        EXPECT_TRUE(written_by(log, row.text, row.writer));
+    }
+    drvHdcServerDestroy(server);
 }

@@ -19,6 +19,7 @@ std::map<int, std::pair<std::string, long>> g_closes;
 
 mmThreadAttr g_last_thread_attr{};
 std::atomic<bool> g_refuse_thread_attr{false};
+std::atomic<bool> g_fail_close{false};
 
 void freeze_clock(bool frozen)
 {
@@ -88,5 +89,6 @@ extern "C" int mmCloseFile(int fd)
         std::lock_guard<std::mutex> lock(g_mutex);
         g_closes[fd] = {name, static_cast<long>(syscall(SYS_gettid))};
     }
-    return real(fd);
+    const int ret = real(fd);
+    return g_fail_close ? -1 : ret;
 }

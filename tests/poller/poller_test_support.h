@@ -21,6 +21,7 @@ using namespace velmar::test;
 void freeze_clock(bool frozen);       // mmGetTickCount keeps returning the moment of freezing
 extern mmThreadAttr g_last_thread_attr;
 extern std::atomic<bool> g_refuse_thread_attr;
+extern std::atomic<bool> g_fail_close;  // mmCloseFile closes, then reports -1
 std::string closed_by(int fd);           // thread name of the last mmCloseFile(fd), or ""
 void drain(int fd);
 
