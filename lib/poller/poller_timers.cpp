@@ -29,7 +29,6 @@ namespace velmar::poller {
 
 struct TimerIndex {
     std::mutex mutex;
-    // Null while poller_timer_add is between reserving the handle and linking the entry.
     std::unordered_map<const void *, LIST_NODE_ST *> nodes;
     // Handles marked since the last sweep; looked up again before use, never read blindly.
     std::vector<const void *> marked;
@@ -64,23 +63,26 @@ void __poller_retire_and_remove(POLLER_ST *poller, LIST_NODE_ST *node,
 // cannot grow, or the list's code (logged as `writer`).
 int __poller_link_timer(POLLER_ST *poller, POLLER_TIMER_ENTRY_ST *entry, const char *writer)
 {
+    // The index lock is held across the insertion: once linked, the entry may fire and be
+    // retired by the poll thread at once, and its retirement must find it indexed with its
+    // node, never before (nor be undone by an indexing that comes after).
     TimerIndex *index = poller->timer_index;
+    std::lock_guard<std::mutex> guard(index->mutex);
+    std::pair<std::unordered_map<const void *, LIST_NODE_ST *>::iterator, bool> slot;
     try {
-        std::lock_guard<std::mutex> guard(index->mutex);
-        index->nodes.emplace(entry, nullptr);
+        slot = index->nodes.emplace(entry, nullptr);
     } catch (const std::bad_alloc &) {
         return 12;
     }
     LIST_NODE_ST *node = nullptr;
     const int ret = velmar::list::insert_ascend_node(poller->timer_list, entry,
                                                      poller_timer_deadline_cmp, &node);
-    std::lock_guard<std::mutex> guard(index->mutex);
     if (ret != 0) {
-        index->nodes.erase(entry);
+        index->nodes.erase(slot.first);
         DM_LOG_ERR_AS(writer, "failed to call list_insert_ascend\n");
         return ret;
     }
-    index->nodes[entry] = node;
+    slot.first->second = node;
     return 0;
 }
 
@@ -168,7 +170,7 @@ extern "C" int poller_timer_remove(POLLER_ST *poller, void **handle)
     {
         std::lock_guard<std::mutex> guard(index->mutex);
         auto found = index->nodes.find(*handle);
-        if (found == index->nodes.end() || found->second == nullptr) {
+        if (found == index->nodes.end()) {
             return 0; // fired or removed already: nothing to do, and nothing is read
         }
         node = found->second;
@@ -251,7 +253,7 @@ void __poller_sweep_timers(POLLER_ST *poller)
             // alive, and only one still marked is the one that was marked.
             std::lock_guard<std::mutex> guard(index->mutex);
             auto found = index->nodes.find(handle);
-            if (found == index->nodes.end() || found->second == nullptr) {
+            if (found == index->nodes.end()) {
                 continue;
             }
             auto *entry = static_cast<POLLER_TIMER_ENTRY_ST *>(list_to_item(found->second));

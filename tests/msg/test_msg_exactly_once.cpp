@@ -67,6 +67,7 @@ TEST(ExactlyOnce, StaleAnswersCompleteNoOtherRequest)
     g_pipe_send = loop->send_msg;
     loop->send_msg = holding_send;
     g_hold_requests = true;
+    loop->set_retry(loop, -1, 0); // no time-out: only an answer may complete it
     Recorder pending;
     ASSERT_EQ(send_text(loop, "pending", &pending), 0);
     const uint64_t pending_id = g_seen_ids.back();
