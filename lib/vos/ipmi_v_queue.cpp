@@ -70,24 +70,25 @@ int to_msqid(uint64_t qid)
     return static_cast<int>(static_cast<uint32_t>(qid));
 }
 
-uint32_t tag_owner_with_name(msqid_ds &ds, const char *name)
+// The queue helpers log on behalf of the function that called them (`writer`).
+uint32_t tag_owner_with_name(msqid_ds &ds, const char *name, const char *writer)
 {
     char tag[kNameTagBytes];
     if (memset_s(tag, sizeof tag, 0, sizeof tag) != 0) {
-        DM_LOG_ERR("memset_s error\n");
+        DM_LOG_ERR_AS(writer, "memset_s error\n");
         return kQueueLocalFailure;
     }
     // Cannot fail with these sizes and a non-null name; kept checked like every copy.
     if (strncpy_s(tag, sizeof tag, name, kNameTagChars) != 0) {
-        DM_LOG_ERR("strncpy_s error\n");
+        DM_LOG_ERR_AS(writer, "strncpy_s error\n");
         return kQueueLocalFailure;
     }
     if (memcpy_s(&ds.msg_perm.uid, sizeof ds.msg_perm.uid, tag, 4) != 0) {
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
         return kQueueLocalFailure;
     }
     if (memcpy_s(&ds.msg_perm.gid, sizeof ds.msg_perm.gid, tag + 4, 4) != 0) {
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
         return kQueueLocalFailure;
     }
     return kQueueOk;
@@ -127,36 +128,36 @@ bool receive_polling(int msqid, uint32_t timeout_ms, QueueMessage &msg)
 }
 
 // The reader now owns the block: copy out and free it whatever the copy did.
-uint32_t take_payload(const QueueMessage &msg, void *buf, uint32_t len)
+uint32_t take_payload(const QueueMessage &msg, void *buf, uint32_t len, const char *writer)
 {
     m_ul_block_handoffs.load(std::memory_order_acquire);
     const int ret = memcpy_s(buf, len, msg.data, len);
     free(msg.data);
     if (ret != 0) {
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
         return kQueueReadFailed;
     }
     return len;
 }
 
-void *copy_payload(const void *data, uint32_t len, uint32_t &failure)
+void *copy_payload(const void *data, uint32_t len, uint32_t &failure, const char *writer)
 {
     void *block = malloc(len);
     if (block == nullptr) {
-        DM_LOG_ERR("\r\ncan't alloc memory!\n");
+        DM_LOG_ERR_AS(writer, "\r\ncan't alloc memory!\n");
         failure = kQueueLocalFailure;
         return nullptr;
     }
     const int ret = memset_s(block, len, 0, len);
     if (ret != 0) {
-        DM_LOG_ERR("memset_s fail: %d\n", ret);
+        DM_LOG_ERR_AS(writer, "memset_s fail: %d\n", ret);
         free(block);
         failure = kQueueLocalFailure;
         return nullptr;
     }
     if (memcpy_s(block, len, data, len) != 0) {
         free(block);
-        DM_LOG_ERR("memcpy_s error\n");
+        DM_LOG_ERR_AS(writer, "memcpy_s error\n");
         failure = kQueueLocalFailure;
         return nullptr;
     }
@@ -193,7 +194,7 @@ DM_EXPORT uint32_t vos_private_queue_create(const char *name, uint64_t depth, ui
     ds.msg_qbytes = static_cast<msglen_t>(depth * kMessageBodySize);
     // The owner fields carry the name's bytes: a deliberate tag that makes the queue
     // recognisable in the system's queue listing.
-    if (tag_owner_with_name(ds, name) != kQueueOk) {
+    if (tag_owner_with_name(ds, name, __func__) != kQueueOk) {
         return remove_unfinished(msqid);
     }
     if (msgctl(msqid, IPC_SET, &ds) != 0) {
@@ -211,7 +212,7 @@ DM_EXPORT uint32_t vos_queue_asy_write(uint64_t qid, const void *data, uint32_t 
         return kQueueParamInvalid;
     }
     uint32_t failure = kQueueOk;
-    void *block = copy_payload(data, len, failure);
+    void *block = copy_payload(data, len, failure, __func__);
     if (block == nullptr) {
         return failure;
     }
@@ -243,7 +244,7 @@ DM_EXPORT uint32_t vos_queue_read(uint64_t qid, uint32_t timeout_ms, void *buf, 
     } else if (!receive_polling(msqid, timeout_ms, msg)) {
         return kQueueReadTimeout;
     }
-    return take_payload(msg, buf, len);
+    return take_payload(msg, buf, len, __func__);
 }
 
 DM_EXPORT uint32_t vos_queue_asy_read(uint64_t qid, void *buf, uint32_t len)
@@ -256,7 +257,7 @@ DM_EXPORT uint32_t vos_queue_asy_read(uint64_t qid, void *buf, uint32_t len)
     if (got != static_cast<ssize_t>(kMessageBodySize)) {
         return static_cast<uint32_t>(got);
     }
-    return take_payload(msg, buf, len);
+    return take_payload(msg, buf, len, __func__);
 }
 
 DM_EXPORT uint32_t vos_queue_delete(uint64_t qid)
