@@ -20,6 +20,8 @@
 #include "dm_msg.h"
 #include "host_devmgr.h"
 #include "ipc/devmgr_env.h"
+#include "support/faults.h"
+#include "support/log_writer.h"
 
 using namespace velmar::test;
 
@@ -272,4 +274,34 @@ extern "C" int poller_fd_add(POLLER_ST *poller, int fd, int16_t events, POLLER_F
     using Fn = int (*)(POLLER_ST *, int, int16_t, POLLER_FD_CALLBACK, void *, int32_t);
     static const auto next = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "poller_fd_add"));
     return next(poller, fd, events, cb, user_data, len);
+}
+
+// Each line the interface writes names the function that reports it, whichever helper
+// writes it. Failing copies are provoked call by call until the line appears.
+TEST_F(Ipc, EveryLineNamesTheFunctionThatReportsIt)
+{
+    DM_ADDR_ST addr = ipc_addr(kDev);
+    struct Row {
+        FaultPoint *point;
+        const char *text;
+    };
+    for (const Row &row : {Row{&g_memset_fault, "memset_s fail: 34"}, Row{&g_strncpy_fault, "strncpy_s error"}}) {
+        LogCapture log;
+        for (int nth = 0; nth < 8 && !log.contains(row.text); nth++) {
+            row.point->arm(nth, 34, FaultFilter{.this_thread = true, .core_only = true});
+            DM_INTF_ST *intf = nullptr;
+            if (dm_ipc_init(&intf, cb_, nullptr, &addr, nullptr, 0) == 0) {
+                dm_intf_deregister(intf);
+            }
+            disarm_platform_faults();
+        }
+        EXPECT_TRUE(written_by(log, row.text, "dm_ipc_init")) << log.dump();
+    }
+    LogCapture log;
+    ASSERT_NE(make(), nullptr);
+    EXPECT_NE(dm_ipc_init(nullptr, cb_, nullptr, &addr, nullptr, 0), 0);
+    EXPECT_TRUE(written_by(log, "duplicate interface [dm_ipc7]", "dm_ipc_init"));
+    char small[4];
+    EXPECT_NE(dm_ipc_get_intf_name(7, small, sizeof(small)), 0);
+    EXPECT_TRUE(written_by(log, "sprintf_s return error", "dm_ipc_get_intf_name"));
 }
