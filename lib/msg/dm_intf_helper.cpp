@@ -7,13 +7,13 @@
 
 namespace velmar::msg {
 
-int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
+int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released, bool speculative_reads)
 {
     if (dm_cb == nullptr || intf == nullptr) {
         *released = false;
         return dm_intf_register(dm_cb, intf); // logs and refuses
     }
-    return intf_register(dm_cb, intf, released);
+    return intf_register(dm_cb, intf, released, speculative_reads);
 }
 
 int32_t intf_set_retry(DM_INTF_ST *intf, int32_t retry_cnt, uint32_t timeout_ms)

@@ -14,7 +14,8 @@ namespace velmar::msg {
 // the list again closes and releases it through the list's free callback (at once, or
 // later on whichever thread lets go of the node last). On a refusal (non-zero result)
 // `*released` says which: when true the record must not be touched again.
-int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released);
+// `speculative_reads`: see intf_register (dm_msg_internal.h).
+int register_intf(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released, bool speculative_reads = false);
 
 // The set_retry and get_retry slots. The fields are plain members of the public record
 // that any thread may change while the poller thread reads them.

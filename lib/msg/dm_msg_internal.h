@@ -121,7 +121,18 @@ void destroy_pending_list(DM_CB_ST *cb);
 // interface list refused it (the caller still owns it) and true when the poller refused
 // it after it was listed (the list has closed and released it, now or on whichever
 // thread lets go of it last: the caller must not touch it again).
-int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released);
+//
+// `speculative_reads`: the interface's receive understands kSpeculativeRead (below), so
+// that the framework may ask it for one more message without probing the descriptor.
+int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released, bool speculative_reads);
+
+// A receive asked with this bit in `events` besides the readable one is a guess of the
+// framework's, made while it reads several messages in one wake-up: when nothing is
+// waiting the receive returns kRecvNothing, without a log line. Only transports that
+// register with speculative_reads get it; no poll() event uses the bit.
+inline constexpr int16_t kSpeculativeRead = 0x4000;
+inline constexpr int16_t kSpeculativeEvents = 0x0001 | kSpeculativeRead;
+inline constexpr int32_t kRecvNothing = -11;
 
 // The self-loop's path for the framework's own time-out responses: never refused for a
 // full pipe (they wait in memory, at most one per pending request, in order) nor for

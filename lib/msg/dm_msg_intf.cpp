@@ -67,10 +67,11 @@ constexpr int kRecvBatch = 32;
 int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len);
 
 // What the poller keeps for each registered interface and hands to __dm_recv: the
-// interface, and how its recent probes for more messages went. Only the poller thread
-// touches it.
+// interface, whether its receive may be asked speculatively for one more message, and
+// how its recent wake-ups went. Only the poller thread touches it.
 struct RecvSlot {
     DM_INTF_ST *intf;
+    uint32_t speculative;  // the transport answers kSpeculativeRead quietly
     uint32_t lone_wakeups; // wake-ups in a row that found a single message
     uint32_t events;
 };
@@ -82,14 +83,14 @@ namespace velmar::msg {
 // The registration itself. Which step refused the record is known only here, so the
 // result says who owns it: the caller, or the list (which has closed and released it, on
 // whichever thread let go of it last).
-int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
+int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released, bool speculative_reads)
 {
     *released = false;
     int ret = list_append(dm_cb->intf_list, intf);
     if (ret != 0) {
         return ret;
     }
-    RecvSlot slot{intf, 0, 0};
+    RecvSlot slot{intf, speculative_reads ? 1U : 0U, 0, 0};
     ret = poller_fd_add(dm_cb->poller, intf->fd, 1, __dm_recv, &slot, sizeof(slot));
     if (ret != 0) {
         // The list owns the record now: taking it out closes and releases it.
@@ -113,20 +114,29 @@ void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg)
 }
 
 
-// Whether another message already waits on `fd` (a datagram, or bytes in a pipe) after
-// the `read`-th of this wake-up. The probe is a system call, wasted on an interface that
-// gets one message per wake-up: after two such wake-ups in a row it is made on every
-// eighth wake-up only, until one finds more. Skipping it loses nothing: poll() reports
-// the descriptor again.
-bool __dm_more_ready(RecvSlot *slot, int fd, int read)
+// Counts wake-ups that brought a single message, and forgets them when one brings more.
+void __dm_note_wakeup(RecvSlot *slot, bool more)
+{
+    slot->lone_wakeups = more ? 0 : slot->lone_wakeups + 1;
+}
+
+// Whether to try for another message after the `read`-th of this wake-up. Asking is a
+// system call (a probe of the descriptor, or a speculative receive that may find
+// nothing), wasted on an interface that gets one message per wake-up: after two such
+// wake-ups in a row it asks on every eighth wake-up only, until one brings more. Not
+// asking loses nothing: poll() reports the descriptor again.
+bool __dm_try_another(RecvSlot *slot, int fd, int read)
 {
     if (read == 1 && slot->lone_wakeups >= 2 && (++slot->events & 7U) != 0) {
         return false;
     }
+    if (slot->speculative != 0) {
+        return true; // the receive itself tells, quietly, when nothing is left
+    }
     int bytes = 0;
     const bool more = ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
     if (read == 1) {
-        slot->lone_wakeups = more ? 0 : slot->lone_wakeups + 1;
+        __dm_note_wakeup(slot, more);
     }
     return more;
 }
@@ -171,11 +181,19 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
         msg.addr_len = DM_ADDR_LEN;
         msg.data.data_len = DM_MAX_DATA_LEN;
         msg.data.data = data;
-        if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0) {
+        const int16_t asked = read == 1 ? static_cast<int16_t>(events) : kSpeculativeEvents;
+        const int32_t got = intf->recv_msg(intf, fd, asked, &msg);
+        if (read == 2 && slot->speculative != 0) {
+            __dm_note_wakeup(slot, got != kRecvNothing);
+        }
+        if (read > 1 && got == kRecvNothing) {
+            break;
+        }
+        if (got == 0) {
             __dm_msg_dispatch(intf, &msg);
         }
         if (read == kRecvBatch || (events & 0x0001) == 0 || scope.closing() ||
-            __dm_intf_generation(ctx) != generation || !__dm_more_ready(slot, fd, read)) {
+            __dm_intf_generation(ctx) != generation || !__dm_try_another(slot, fd, read)) {
             break;
         }
     }
@@ -370,7 +388,7 @@ int dm_intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
         return -22;
     }
     bool released = false;
-    return intf_register(dm_cb, intf, &released);
+    return intf_register(dm_cb, intf, &released, false);
 }
 
 int dm_intf_deregister(DM_INTF_ST *intf)

@@ -112,6 +112,9 @@ int32_t __dm_udp_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
     } while (len < 0 && errno == EINTR);
     if (len < 0) {
         int err = errno;
+        if (err == EAGAIN && (events & kSpeculativeRead) != 0) {
+            return kRecvNothing; // the framework's guess: nothing more is waiting
+        }
         DM_LOG_ERR("__dm_udp_recv: recvfrom fail.errno=%d\r\n", err);
         return err;
     }
@@ -228,7 +231,7 @@ int __dm_udp_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf)
     const int fd = intf->fd;
     const bool closes_own_socket = same_name(intf->name, kUdpName);
     bool released = false;
-    int ret = register_intf(dm_cb, intf, &released);
+    int ret = register_intf(dm_cb, intf, &released, true);
     if (ret != 0) {
         if (!released) {
             __dm_udp_close(intf);
