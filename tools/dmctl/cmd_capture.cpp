@@ -196,8 +196,8 @@ public:
         return whole;
     }
 
-    // Datagrams given up on so far, those still waiting included when `at_end`.
-    uint64_t incomplete(bool at_end) const { return incomplete_ + (at_end ? partials_.size() : 0); }
+    // Datagrams given up on, and those still waiting for a piece.
+    uint64_t incomplete() const { return incomplete_ + partials_.size(); }
 
 private:
     struct Partial {
@@ -388,6 +388,9 @@ struct Capture {
     Tally tally;
     pcap_t *handle = nullptr;
     bool done = false; // --count reached
+    // Drops counted before the filter was in place (all of the host's traffic) are not
+    // ours to report.
+    unsigned drops_before_filter = 0;
 
     void datagram(const timeval &tv, uint32_t src_ip, uint32_t dst_ip, const uint8_t *udp,
                   size_t len);
@@ -461,12 +464,13 @@ void on_packet(u_char *user, const pcap_pkthdr *hdr, const u_char *bytes)
     reinterpret_cast<Capture *>(user)->packet(hdr, bytes);
 }
 
-void print_summary(const Capture &c, bool at_end)
+void print_summary(const Capture &c)
 {
     const Tally &t = c.tally;
-    const uint64_t incomplete = c.reassembly.incomplete(at_end);
+    const uint64_t incomplete = c.reassembly.incomplete();
     pcap_stat stats{};
     const bool live = c.opts.read_path.empty() && pcap_stats(c.handle, &stats) == 0;
+    const unsigned drops = live ? stats.ps_drop - c.drops_before_filter : 0;
     if (c.opts.json) {
         Json j{{"event", "summary"},
                {"frames", t.frames},
@@ -479,7 +483,7 @@ void print_summary(const Capture &c, bool at_end)
                {"other_not_ipv4", t.not_ipv4},
                {"incomplete_datagrams", incomplete}};
         if (live) {
-            j["dropped_by_kernel"] = stats.ps_drop;
+            j["dropped_by_kernel"] = drops;
         }
         print_json(stdout, j);
         return;
@@ -509,8 +513,8 @@ void print_summary(const Capture &c, bool at_end)
         printf("; %llu fragmented datagrams incomplete",
                static_cast<unsigned long long>(incomplete));
     }
-    if (live && stats.ps_drop != 0) {
-        printf("; %u packets dropped by the kernel", stats.ps_drop);
+    if (live && drops != 0) {
+        printf("; %u packets dropped by the kernel (the capture could not keep up)", drops);
     }
     printf("\n");
 }
@@ -690,6 +694,9 @@ int open_capture(Capture &c, std::string &why)
     if (why = set_filter(c.handle, c.opts.port); !why.empty()) {
         return kExitUsage;
     }
+    if (pcap_stat stats{}; c.opts.read_path.empty() && pcap_stats(c.handle, &stats) == 0) {
+        c.drops_before_filter = stats.ps_drop;
+    }
     if (!c.opts.write_path.empty()) {
         c.dumper = pcap_dump_open(c.handle, c.opts.write_path.c_str());
         if (c.dumper == nullptr) {
@@ -758,7 +765,7 @@ int run_capture(int argc, char **argv)
                     pcap_geterr(c.handle));
             status = kExitUsage;
         }
-        print_summary(c, true);
+        print_summary(c);
     } else {
         fprintf(stderr, "dmctl capture: %s\n", error.c_str());
     }
