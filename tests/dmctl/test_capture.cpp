@@ -242,8 +242,9 @@ std::string read_all(const std::string &path)
 
 // A pcap file of Ethernet packets: each IPv4 packet longer than an Ethernet MTU is cut
 // into fragments of 1480 bytes, written last fragment first. The first packet goes in
-// once more, under another IPv4 id, without its last fragment: a datagram left
-// incomplete.
+// twice more under other IPv4 ids: once without its last fragment (a datagram of ours
+// left incomplete), once without its first (which names the ports: as the fragments of
+// other traffic look to the capture, and not to be counted).
 std::string fragmented(const std::string &pcap)
 {
     constexpr size_t kEth = 14, kIp = 20, kPiece = 1480;
@@ -255,7 +256,7 @@ std::string fragmented(const std::string &pcap)
         out.append(reinterpret_cast<const char *>(&len), 4);
         out += pkt;
     };
-    auto fragments = [&](const char *rec, std::string pkt, uint16_t id, bool drop_last) {
+    auto fragments = [&](const char *rec, std::string pkt, uint16_t id, size_t left_out) {
         const std::string payload = pkt.substr(kEth + kIp);
         std::vector<std::string> pieces;
         for (size_t off = 0; off < payload.size(); off += kPiece) {
@@ -270,8 +271,10 @@ std::string fragmented(const std::string &pcap)
             memcpy(&frag[kEth + 6], &flags, 2);
             pieces.push_back(frag);
         }
-        for (size_t i = pieces.size() - (drop_last ? 1 : 0); i-- > 0;) {
-            add(rec, pieces[i]);
+        for (size_t i = pieces.size(); i-- > 0;) {
+            if (i != left_out) {
+                add(rec, pieces[i]);
+            }
         }
     };
     bool first = true;
@@ -282,9 +285,11 @@ std::string fragmented(const std::string &pcap)
         if (pkt.size() > kEth + 1500) {
             uint16_t id;
             memcpy(&id, &pkt[kEth + 4], 2);
-            fragments(&pcap[at], pkt, ntohs(id), false);
+            fragments(&pcap[at], pkt, ntohs(id), SIZE_MAX);
             if (first) {
-                fragments(&pcap[at], pkt, static_cast<uint16_t>(ntohs(id) + 7919), true);
+                // A frame is three fragments: 2 is the last.
+                fragments(&pcap[at], pkt, static_cast<uint16_t>(ntohs(id) + 7919), 2);
+                fragments(&pcap[at], pkt, static_cast<uint16_t>(ntohs(id) + 7920), 0);
                 first = false;
             }
         } else {

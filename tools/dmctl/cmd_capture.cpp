@@ -158,10 +158,14 @@ bool parse_ipv4(const uint8_t *p, size_t len, Ipv4Packet &out)
     return true;
 }
 
-// Puts fragmented datagrams back together. A datagram whose fragments do not all come
-// within kFragmentLifeS, or that is pushed out by newer ones, counts as incomplete.
+// Puts fragmented datagrams back together. A datagram of `port` whose fragments do not
+// all come within kFragmentLifeS, or that is pushed out by newer ones, counts as
+// incomplete. Fragments of other traffic come in too (their first fragment, the one
+// with the ports, does not), and are never counted.
 class Reassembly {
 public:
+    explicit Reassembly(uint16_t port) : port_(port) {}
+
     // The whole UDP datagram (header first) once every piece of it is in.
     std::optional<std::vector<uint8_t>> add(const Ipv4Packet &frag, double ts)
     {
@@ -169,8 +173,8 @@ public:
         Partial *part = find(frag);
         if (part == nullptr) {
             if (partials_.size() >= kMaxPartials) {
+                incomplete_ += ours(partials_.front()) ? 1 : 0;
                 partials_.erase(partials_.begin());
-                incomplete_++;
             }
             partials_.push_back({frag.src, frag.dst, frag.id, ts, {}, {}, -1});
             part = &partials_.back();
@@ -197,7 +201,12 @@ public:
     }
 
     // Datagrams given up on, and those still waiting for a piece.
-    uint64_t incomplete() const { return incomplete_ + partials_.size(); }
+    uint64_t incomplete() const
+    {
+        return incomplete_ + static_cast<uint64_t>(std::count_if(
+                                 partials_.begin(), partials_.end(),
+                                 [this](const Partial &p) { return ours(p); }));
+    }
 
 private:
     struct Partial {
@@ -208,6 +217,15 @@ private:
         std::vector<std::pair<size_t, size_t>> pieces; // [begin, end)
         long total;                                    // -1 until the last piece is in
     };
+
+    // Whether its first fragment is in and names our port.
+    bool ours(const Partial &p) const
+    {
+        const bool has_first = std::any_of(p.pieces.begin(), p.pieces.end(), [](const auto &piece) {
+            return piece.first == 0 && piece.second >= 4;
+        });
+        return has_first && (be16(p.bytes.data()) == port_ || be16(p.bytes.data() + 2) == port_);
+    }
 
     Partial *find(const Ipv4Packet &frag)
     {
@@ -238,11 +256,14 @@ private:
     void expire(double now)
     {
         const auto old = [now](const Partial &p) { return now - p.first_ts > kFragmentLifeS; };
-        const auto gone = std::remove_if(partials_.begin(), partials_.end(), old);
-        incomplete_ += static_cast<uint64_t>(partials_.end() - gone);
+        const auto gone = std::stable_partition(partials_.begin(), partials_.end(),
+                                                [&old](const Partial &p) { return !old(p); });
+        incomplete_ += static_cast<uint64_t>(
+            std::count_if(gone, partials_.end(), [this](const Partial &p) { return ours(p); }));
         partials_.erase(gone, partials_.end());
     }
 
+    uint16_t port_;
     std::vector<Partial> partials_;
     uint64_t incomplete_ = 0;
 };
@@ -379,7 +400,7 @@ void print_frame(const CaptureOptions &o, const timeval &tv, const Addresses &a,
 // ---- The capture ----------------------------------------------------------------------
 
 struct Capture {
-    explicit Capture(const CaptureOptions &o) : opts(o) {}
+    explicit Capture(const CaptureOptions &o) : opts(o), reassembly(o.port) {}
 
     const CaptureOptions &opts;
     int dlt = 0;
