@@ -29,11 +29,14 @@
 #include "dm_udp.h"
 #include "dmctl_runner.h"
 #include "support/waiting.h"
+#include "udp/udp_test_support.h"
 
 namespace {
 
 using dmctl_test::Background;
 using dmctl_test::Result;
+using udp_test::loopback_addr;
+using udp_test::port_of;
 
 // One frame as its sender put it on the wire.
 struct Sent {
@@ -42,27 +45,6 @@ struct Sent {
     uint64_t req_id;
     std::vector<uint8_t> data;
 };
-
-DM_ADDR_ST loopback(uint16_t port, uint32_t peer_id)
-{
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(port);
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    DM_ADDR_ST addr{};
-    addr.kind = DM_ADDR_KIND_UDP;
-    addr.family = DM_ADDR_FAMILY_UDP;
-    addr.peer_id = peer_id;
-    memcpy(addr.sa, &sin, sizeof(sin));
-    return addr;
-}
-
-uint16_t port_of(const DM_ADDR_ST &addr)
-{
-    sockaddr_in sin;
-    memcpy(&sin, addr.sa, sizeof(sin));
-    return ntohs(sin.sin_port);
-}
 
 // A UDP interface on 127.0.0.1 and a port of its own: a frame carries the port the
 // interface was given, so the test gives a real one.
@@ -77,7 +59,7 @@ DM_INTF_ST *open_udp(DM_CB_ST *cb)
         bind(fd, reinterpret_cast<sockaddr *>(&sin), sizeof(sin));
         getsockname(fd, reinterpret_cast<sockaddr *>(&sin), &len);
         close(fd);
-        DM_ADDR_ST own = loopback(ntohs(sin.sin_port), 0);
+        DM_ADDR_ST own = loopback_addr(ntohs(sin.sin_port), 0);
         DM_INTF_ST *intf = nullptr;
         const int ret = dm_udp_init(&intf, cb, [](DM_DATA_ST *, DM_DATA_ST *) { return 0; }, &own,
                                     nullptr, 0);
@@ -116,7 +98,7 @@ public:
     // A request and its answer (the payload reversed); false when no answer came.
     bool request(std::vector<uint8_t> payload, uint32_t peer_id)
     {
-        DM_ADDR_ST to = loopback(server_port(), peer_id);
+        DM_ADDR_ST to = loopback_addr(server_port(), peer_id);
         DM_DATA_ST data{static_cast<uint16_t>(payload.size()), payload.data()};
         Exchange *self = this;
         const size_t answered = answers();
@@ -365,7 +347,7 @@ protected:
         }
         // Not a frame: counted apart, and no dissector field may come from it.
         const int stray = socket(AF_INET, SOCK_DGRAM, 0);
-        const DM_ADDR_ST to = loopback(port_, 0);
+        const DM_ADDR_ST to = loopback_addr(port_, 0);
         sendto(stray, "not a frame", 11, 0, reinterpret_cast<const sockaddr *>(to.sa),
                sizeof(sockaddr_in));
         close(stray);
