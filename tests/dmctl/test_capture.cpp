@@ -83,8 +83,12 @@ public:
         dm_cmd_register(server_cb_, answer, nullptr, &self, sizeof(self));
         server_ = open_udp(server_cb_);
         client_ = open_udp(client_cb_);
-        if (client_ != nullptr) {
+        if (ready()) {
             client_->set_retry(client_, 0, 10000); // no re-send: one frame per request
+            // The server's poller reads them; the socket that orders this write before
+            // that read is invisible to tsan.
+            std::lock_guard<std::mutex> guard(lock_);
+            ports_ = {port_of(client_->addr), port_of(server_->addr)};
         }
     }
     ~Exchange()
@@ -127,9 +131,9 @@ private:
         Exchange &x = **static_cast<Exchange **>(user_data);
         std::vector<uint8_t> rsp(msg->data.data, msg->data.data + msg->data.data_len);
         std::reverse(rsp.begin(), rsp.end());
-        const uint16_t client_port = port_of(x.client_->addr), server_port = x.server_port();
         {
             std::lock_guard<std::mutex> guard(x.lock_);
+            const auto [client_port, server_port] = x.ports_;
             x.sent_.push_back(
                 {client_port, server_port, DM_MSG_REQ, msg->src_id, msg->req_id,
                  std::vector<uint8_t>(msg->data.data, msg->data.data + msg->data.data_len)});
@@ -152,7 +156,8 @@ private:
     DM_CB_ST *server_cb_ = nullptr, *client_cb_ = nullptr;
     DM_INTF_ST *server_ = nullptr, *client_ = nullptr;
     std::mutex lock_;
-    std::vector<Sent> sent_; // in the order they went out
+    std::pair<uint16_t, uint16_t> ports_; // client, server
+    std::vector<Sent> sent_;              // in the order they went out
     size_t answers_ = 0;
 };
 
