@@ -1,6 +1,7 @@
 # What `cmake --install` puts in the prefix: the core library with its SONAME link chain,
 # the host platform layer, the headers a daemon includes, the command-line tools, a
-# pkg-config file and a CMake package (velmar::sastox, velmar::hostplat).
+# pkg-config file, a CMake package (velmar::sastox, velmar::hostplat) and the Wireshark
+# dissector.
 #
 # All install rules live here rather than beside each target, so that what ships can be
 # read in one place and the targets' own CMakeLists.txt stay about building.
@@ -36,6 +37,11 @@ install(FILES ${VELMAR_PUBLIC_HEADERS} DESTINATION ${VELMAR_INSTALL_INCLUDEDIR})
 set_target_properties(dmctl devmgr-device PROPERTIES
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS dmctl devmgr-device RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# The Wireshark dissector of the UDP frames (a Lua plugin; docs/observing.md says how to
+# load it). It needs nothing built, so it ships whether or not dmctl can capture.
+install(FILES ${PROJECT_SOURCE_DIR}/dissectors/velmar_sastox.lua
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/velmar_sastox/wireshark)
 
 # What a packager expects beside the library: the licence and the list of changes.
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NEWS

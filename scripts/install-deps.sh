@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, when they are missing.
 # Safe to run again: it does nothing on a machine that has everything.
+# libpcap-dev and tshark serve `dmctl capture` and the dissector's test only: dmctl is
+# built without the capture command, and that test skips, where they are missing.
+# tshark's install asks whether non-root users may capture; noninteractive keeps its
+# default (no) and the question never blocks.
 set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make pkg-config binutils libgtest-dev libgmock-dev
-          libbenchmark-dev iproute2 pandoc nlohmann-json3-dev)
+          libbenchmark-dev iproute2 pandoc nlohmann-json3-dev libpcap-dev tshark)
 
 missing=()
 for pkg in "${packages[@]}"; do

@@ -10,6 +10,9 @@ int run_serve(int argc, char **argv);
 int run_send(int argc, char **argv);
 int run_bench(int argc, char **argv);
 int run_demo(int argc, char **argv);
+// Built only with libpcap (DMCTL_HAVE_CAPTURE); exit status 3 when capturing is not
+// permitted.
+int run_capture(int argc, char **argv);
 
 } // namespace dmctl
 

@@ -18,6 +18,7 @@ void print_help(FILE *out)
           "  send    send one request and print the answer\n"
           "  bench   closed-loop load against a server: round trips per second, latency\n"
           "  demo    one self-contained run over the self-loop, UDP and HDC\n"
+          "  capture show the framework's UDP frames on the wire (libpcap)\n"
           "\n"
           "dmctl COMMAND --help describes a command; dmctl --version tells the versions of\n"
           "dmctl and of the library it loaded. Example:\n"
@@ -25,7 +26,7 @@ void print_help(FILE *out)
           "  dmctl send --udp 127.0.0.1:5555 hello\n"
           "\n"
           "Exit status: 0 success, 1 timed out (bench, demo: something failed), 2 usage or\n"
-          "set-up error.\n",
+          "set-up error, 3 capturing is not permitted (capture).\n",
           out);
 }
 
@@ -61,7 +62,18 @@ int main(int argc, char **argv)
     if (strcmp(command, "demo") == 0) {
         return dmctl::run_demo(argc, argv);
     }
-    fprintf(stderr, "dmctl: unknown command '%s' (serve, send, bench, demo; dmctl --help)\n",
+    if (strcmp(command, "capture") == 0) {
+#ifdef DMCTL_HAVE_CAPTURE
+        return dmctl::run_capture(argc, argv);
+#else
+        fputs("dmctl capture: this dmctl was built without libpcap, so it cannot capture; "
+              "install libpcap-dev (scripts/install-deps.sh) and build again\n",
+              stderr);
+        return dmctl::kExitUsage;
+#endif
+    }
+    fprintf(stderr,
+            "dmctl: unknown command '%s' (serve, send, bench, demo, capture; dmctl --help)\n",
             command);
     return dmctl::kExitUsage;
 }
