@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "msg/msg_test_support.h"
+#include "support/log_writer.h"
 #include "udp_test_support.h"
 
 using namespace msg_test;
@@ -294,3 +295,36 @@ TEST(UdpTimeout, SilentPeerGetsNPlusOneSendsThenTheTimeoutAnswer)
 }
 
 } // namespace
+
+// Each line the interface writes names the function that reports it.
+TEST(UdpLog, EveryLineNamesTheFunctionThatReportsIt)
+{
+    Context ctx;
+    DM_ADDR_ST any = loopback_addr(0);
+    DM_INTF_ST *intf = nullptr;
+    ASSERT_EQ(dm_udp_init(&intf, ctx.cb, nullptr, &any, "u", 1), 0);
+    DM_ADDR_ST to = loopback_addr(bound_port(intf->fd));
+    LogCapture log;
+    std::string big(DM_MAX_DATA_LEN, 'b');
+    DM_DATA_ST too_long{DM_MAX_DATA_LEN + 1, reinterpret_cast<uint8_t *>(big.data())};
+    EXPECT_EQ(intf->send_msg(intf, DM_MSG_REQ, &to, 28, &too_long, 1), -22);
+    EXPECT_TRUE(written_by(log, "msg->data_len(4097) exceed allow size(4096)", "__dm_udp_send"));
+    DM_DATA_ST two = data_of("hi");
+    fail_core_call(g_memset_fault, 0);
+    EXPECT_EQ(intf->send_msg(intf, DM_MSG_REQ, &to, 28, &two, 1), -22);
+    disarm_platform_faults();
+    EXPECT_TRUE(written_by(log, "__dm_udp_send: memset_s fail", "__dm_udp_send"));
+    fail_core_call(g_memmove_fault, 0);
+    EXPECT_EQ(intf->send_msg(intf, DM_MSG_REQ, &to, 28, &two, 1), 0); // sent without its payload
+    disarm_platform_faults();
+    EXPECT_TRUE(written_by(log, "memmove_s error", "__format_udp_msg"));
+    EXPECT_EQ(dm_udp_init(nullptr, ctx.cb, nullptr, &any, "u", 1), 16);
+    EXPECT_TRUE(written_by(log, "duplicate interface [u]", "dm_udp_init"));
+    DM_ADDR_ST wrong = any;
+    wrong.kind = DM_ADDR_KIND_SELFLOOP;
+    EXPECT_EQ(dm_udp_init(nullptr, ctx.cb, nullptr, &wrong, nullptr, 0), 22);
+    EXPECT_TRUE(written_by(log, "udp init fail ret = 22", "dm_udp_init"));
+    DM_INTF_ST *unused = nullptr;
+    EXPECT_EQ(dm_udp_init_intf(&unused, nullptr, ctx.cb, &any, "n", 33), 22);
+    EXPECT_TRUE(written_by(log, "name len 33 is too large than 32", "dm_udp_init_intf"));
+}
