@@ -284,43 +284,34 @@ TEST_F(QueueTest, CreateFailuresReturnOneWithTheirLineAndLeaveNoQueue)
     }
 }
 
-TEST_F(QueueTest, WritesAndReadsHandOverCopies)
-{
-    const uint32_t q = make_queue(8);
-    Payload sent[] = {{1, 10}, {1, 11}, {1, 12}};
-    for (const Payload &p : sent) {
-        ASSERT_EQ(vos_queue_asy_write(q, &p, kSize), 0U);
-    }
-    sent[0].seq = 99; // the queue holds its own copies
-    Payload got{};
-    EXPECT_EQ(vos_queue_asy_read(q, &got, kSize), kSize);
-    EXPECT_EQ(got, (Payload{1, 10}));
-    EXPECT_EQ(vos_queue_read(q, 0, &got, kSize), kSize);
-    EXPECT_EQ(got, (Payload{1, 11}));
-    uint32_t first_half = 0; // the reader decides how many bytes to copy out of the block
-    EXPECT_EQ(vos_queue_read(q, 100, &first_half, 4), 4U);
-    EXPECT_EQ(first_half, 1U);
-    EXPECT_EQ(vos_queue_asy_read(q, &got, kSize), kFailed) << "empty queue";
-}
-
-TEST_F(QueueTest, SeventeenthWriteToADepth16QueueIsRefusedAndFreed)
+// A depth-16 queue takes 16 copies; the seventeenth write is refused (after one more
+// round) and its block freed; reads hand the copies out in order, as many bytes as asked.
+TEST_F(QueueTest, WritesAndReadsHandOverCopiesUpToTheDepth)
 {
     const uint32_t q = make_queue(16);
-    for (uint32_t i = 0; i < 16; ++i) {
-        const Payload p{0, i};
-        ASSERT_EQ(vos_queue_asy_write(q, &p, kSize), 0U) << i;
+    Payload p{1, 0};
+    for (; p.seq < 16; ++p.seq) {
+        ASSERT_EQ(vos_queue_asy_write(q, &p, kSize), 0U) << p.seq;
     }
-    const Payload extra{0, 16};
     EXPECT_FALSE(watched_block_freed()) << "a queued block belongs to the queue";
     g_msgsnd_fault.disarm();
-    EXPECT_EQ(vos_queue_asy_write(q, &extra, kSize), kFailed);
+    EXPECT_EQ(vos_queue_asy_write(q, &p, kSize), kFailed);
     EXPECT_EQ(g_msgsnd_fault.calls(), 2) << "a full queue gets one more round";
     EXPECT_EQ(watched_block_freed(), kMallocReplaceable) << "the refused block must be freed";
     EXPECT_EQ(queued(q), 16U);
     Payload got{};
-    ASSERT_EQ(vos_queue_asy_read(q, &got, kSize), kSize);
-    EXPECT_EQ(got, (Payload{0, 0}));
-    EXPECT_EQ(vos_queue_asy_write(q, &extra, kSize), 0U) << "room again after a read";
+    EXPECT_EQ(vos_queue_asy_read(q, &got, kSize), kSize);
+    EXPECT_EQ(got, (Payload{1, 0}));
+    EXPECT_EQ(vos_queue_asy_write(q, &p, kSize), 0U) << "room again after a read";
+    EXPECT_EQ(vos_queue_read(q, 0, &got, kSize), kSize);
+    EXPECT_EQ(got, (Payload{1, 1}));
+    uint32_t first_half = 0;
+    EXPECT_EQ(vos_queue_read(q, 100, &first_half, 4), 4U);
+    EXPECT_EQ(first_half, 1U);
+    while (vos_queue_asy_read(q, &got, kSize) == kSize) {
+    }
+    EXPECT_EQ(got, (Payload{1, 16}));
+    EXPECT_EQ(vos_queue_asy_read(q, &got, kSize), kFailed) << "empty queue";
 }
 
 TEST_F(QueueTest, SendRetriesOnInterruptionAndOnceMoreWhenFull)

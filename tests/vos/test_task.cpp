@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -35,9 +36,20 @@ constexpr uint32_t kNullParam = 0x20000011;
 constexpr uint32_t kNotFound = 0xFFFFFFFFU;
 constexpr uint64_t kFreeWord = 0xFFFFFFFFU;
 
+FaultPoint g_calloc_fault;
+
+// The set-up fails with its code on each of its allocations, and then succeeds once.
 class TaskTableEnvironment : public ::testing::Environment {
 public:
-    void SetUp() override { ASSERT_EQ(task_task_info_init(), 0U); }
+    void SetUp() override
+    {
+        for (int nth = 0; nth < (kMallocReplaceable ? 3 : 0); ++nth) {
+            g_calloc_fault.arm(nth, ENOMEM, {.this_thread = true});
+            EXPECT_EQ(task_task_info_init(), 0x20000002U) << "allocation " << nth;
+            g_calloc_fault.disarm();
+        }
+        ASSERT_EQ(task_task_info_init(), 0U);
+    }
 };
 [[maybe_unused]] ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new TaskTableEnvironment);
 
@@ -159,6 +171,19 @@ protected:
 };
 
 } // namespace
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void *__libc_calloc(size_t n, size_t size);
+extern "C" void *calloc(size_t n, size_t size) noexcept
+{
+    int code = 0;
+    if (g_calloc_fault.trip(code)) {
+        errno = code;
+        return nullptr;
+    }
+    return __libc_calloc(n, size);
+}
+#endif
 
 // The race detector's runtime calls this too, in threads it has not set up yet: nothing
 // here is instrumented, and only the armed creator thread goes further.

@@ -277,6 +277,10 @@ TEST(RecursiveMutex, WaiterTimesOutOrReceivesTheLock)
         handed = thread_timed_mutex_lock(m, 0);
     });
     ASSERT_TRUE(wait_for_waiters(m, 1));
+    // A wake-up without a hand-over (spurious, or another waiter came first) waits on.
+    pthread_cond_broadcast(&m->cond);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(snapshot(m).wait_num, 1);
     EXPECT_EQ(thread_timed_mutex_unlock(m), 0U);
     waiter.join();
     EXPECT_EQ(handed, 0U);
