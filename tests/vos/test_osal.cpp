@@ -1,30 +1,24 @@
-// Thread layer: creation with both attribute sets, failure results, cancellation and delay.
+// Thread layer: creation with both attribute sets, failure results, cancellation, delay.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <pthread.h>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <string>
-#include <thread>
 
+#include "support/faults.h"
 #include "vos/vos_test_support.h"
 #include "vos_osal.h"
 
 using namespace velmar::vostest;
-using namespace std::chrono_literals;
 
 namespace {
-
 std::atomic<bool> g_fake_cancel{false};
 std::atomic<int> g_fake_cancel_rc{0};
 std::atomic<int> g_fake_cancel_errno{0};
-
 } // namespace
 
 // Lets a test decide what pthread_cancel returns and what errno reads afterwards.
@@ -34,7 +28,7 @@ extern "C" int pthread_cancel(pthread_t thread)
         errno = g_fake_cancel_errno.load();
         return g_fake_cancel_rc.load();
     }
-    static const auto real = reinterpret_cast<int (*)(pthread_t)>(dlsym(RTLD_NEXT, "pthread_cancel"));
+    static const auto real = next_symbol<int (*)(pthread_t)>("pthread_cancel");
     return real(thread);
 }
 
@@ -71,131 +65,106 @@ uint64_t probe_entry(uint64_t arg)
     return 0;
 }
 
-uint64_t load_counter(uint64_t &counter)
+uint64_t counter(uint64_t &c)
 {
-    return std::atomic_ref<uint64_t>(counter).load();
-}
-
-int64_t create(const char *name, uint64_t priority, int32_t flags, uint64_t stack, Probe *probe, uint64_t *a,
-               uint64_t *b)
-{
-    return osal_create_task(name, probe_entry, priority, flags, stack, reinterpret_cast<uint64_t>(probe), a, b);
+    return std::atomic_ref<uint64_t>(c).load();
 }
 
 } // namespace
 
-TEST(OsalCreate, NormalThreadRunsEntryDetachedNamedAtSchedOther)
+TEST(OsalCreate, ThreadsRunDetachedNamedAtTheirPolicy)
 {
-    Probe probe;
-    uint64_t tid_a = 0;
-    uint64_t tid_b = 0;
-    const uint64_t ok_before = load_counter(g_creatthreadoknum);
-    ASSERT_EQ(create("osal-probe-with-a-long-name", 255, 0, 0, &probe, &tid_a, &tid_b), 0);
-    ASSERT_TRUE(probe.done.wait_for(10s));
-    EXPECT_EQ(tid_a, probe.self);
-    EXPECT_EQ(tid_b, probe.self);
-    EXPECT_EQ(probe.name, "osal-probe-with"); // the kernel keeps 15 characters
-    EXPECT_EQ(probe.policy, SCHED_OTHER);
-    EXPECT_EQ(probe.priority, 0);
-    EXPECT_EQ(probe.detach_state, PTHREAD_CREATE_DETACHED);
-    EXPECT_EQ(load_counter(g_creatthreadoknum), ok_before + 1);
-}
-
-TEST(OsalCreate, PriorityAbove255IsAParameterFailure)
-{
-    LogCapture log{false};
-    uint64_t tid_a = 7;
-    uint64_t tid_b = 7;
-    const uint64_t ok_before = load_counter(g_creatthreadoknum);
-    const uint64_t fail_before = load_counter(g_creatthreadfailnum);
-    {
-        LimiterBypass bypass;
-        EXPECT_EQ(create("p256", 256, 0, 0, nullptr, &tid_a, &tid_b), 5);
-    }
-    EXPECT_TRUE(log.contains("para fail,ret = 5,ul_return_code = 0,ul_priority = 256\n")) << log.dump();
-    EXPECT_EQ(tid_a, 7U);
-    EXPECT_EQ(tid_b, 7U);
-    EXPECT_EQ(load_counter(g_creatthreadoknum), ok_before);
-    EXPECT_EQ(load_counter(g_creatthreadfailnum), fail_before);
-    EXPECT_EQ(osal_create_task("null", nullptr, 1, 0, 0, 0, &tid_a, &tid_b), 5);
-}
-
-TEST(OsalCreate, RefusedThreadFillsBothCellsAndCountsTheFailure)
-{
-    LogCapture log{false};
-    uint64_t tid_a = 7;
-    uint64_t tid_b = 7;
-    const uint64_t ok_before = load_counter(g_creatthreadoknum);
-    const uint64_t fail_before = load_counter(g_creatthreadfailnum);
-    // A stack larger than the address space: the attribute takes it, pthread_create cannot.
-    const uint64_t huge_stack = 1ULL << 47;
-    {
-        LimiterBypass bypass;
-        EXPECT_EQ(create("huge", 1, 0, huge_stack, nullptr, &tid_a, &tid_b), 2);
-    }
-    EXPECT_EQ(tid_a, 0x00000000FFFFFFFFULL);
-    EXPECT_EQ(tid_b, 0x00000000FFFFFFFFULL);
-    EXPECT_EQ(load_counter(g_creatthreadfailnum), fail_before + 1);
-    EXPECT_EQ(load_counter(g_creatthreadoknum), ok_before);
-    EXPECT_TRUE(log.contains("pthread_create fail, errno=")) << log.dump();
-}
-
-TEST(OsalCreate, PreemptiveThreadRunsRoundRobinAtScaledPriority)
-{
-    if (!can_start_sched_rr()) {
-        GTEST_SKIP() << "this process may not start SCHED_RR threads (needs CAP_SYS_NICE or RLIMIT_RTPRIO)";
-    }
-    Probe probe;
-    uint64_t tid_a = 0;
-    uint64_t tid_b = 0;
-    ASSERT_EQ(create("rr", 128, 1, 0, &probe, &tid_a, &tid_b), 0);
-    ASSERT_TRUE(probe.done.wait_for(10s));
-    EXPECT_EQ(probe.policy, SCHED_RR);
-    if (sched_get_priority_max(SCHED_RR) == 99) {
-        EXPECT_EQ(probe.priority, 50);
-    }
-}
-
-TEST(OsalCreate, PreemptiveThreadWithoutPrivilegeIsRefusedWithCode2)
-{
-    bool unprivileged = false;
-    int64_t rc = -100;
-    uint64_t tid_a = 7;
-    uint64_t tid_b = 7;
-    const uint64_t fail_before = load_counter(g_creatthreadfailnum);
-    std::thread worker([&] {
-        drop_sched_privilege_of_this_thread();
-        unprivileged = !can_start_sched_rr();
-        if (unprivileged) {
-            rc = create("rr-denied", 10, 1, 0, nullptr, &tid_a, &tid_b);
+    const bool rr = can_start_sched_rr();
+    for (int32_t flags : {0, 1}) {
+        if (flags == 1 && !rr) {
+            continue; // needs CAP_SYS_NICE or RLIMIT_RTPRIO
         }
-    });
-    worker.join();
-    if (!unprivileged) {
-        GTEST_SKIP() << "SCHED_RR stays allowed without CAP_SYS_NICE here (RLIMIT_RTPRIO is set)";
+        Probe probe;
+        uint64_t a = 0;
+        uint64_t b = 0;
+        const uint64_t ok_before = counter(g_creatthreadoknum);
+        ASSERT_EQ(osal_create_task("osal-probe-with-a-long-name", probe_entry, 128, flags | 6, 0,
+                                   reinterpret_cast<uint64_t>(&probe), &a, &b),
+                  0);
+        ASSERT_TRUE(probe.done.wait_for());
+        EXPECT_EQ(a, probe.self);
+        EXPECT_EQ(b, probe.self);
+        EXPECT_EQ(probe.name, "osal-probe-with"); // the kernel keeps 15 characters
+        EXPECT_EQ(probe.policy, flags == 0 ? SCHED_OTHER : SCHED_RR);
+        if (flags == 0 || sched_get_priority_max(SCHED_RR) == 99) {
+            EXPECT_EQ(probe.priority, flags == 0 ? 0 : 50);
+        }
+        EXPECT_EQ(probe.detach_state, PTHREAD_CREATE_DETACHED);
+        EXPECT_EQ(counter(g_creatthreadoknum), ok_before + 1);
     }
-    EXPECT_EQ(rc, 2);
-    EXPECT_EQ(tid_a, kNoThread);
-    EXPECT_EQ(tid_b, kNoThread);
-    EXPECT_EQ(load_counter(g_creatthreadfailnum), fail_before + 1);
 }
 
-TEST(OsalAttributes, PreemptSetScalesPriorityOntoTheRoundRobinRange)
+// Each refusal: its code, what the output cells and counters show, and its log line.
+TEST(OsalCreate, RefusalsTheirCodesCellsCountersAndLines)
 {
-    if (sched_get_priority_min(SCHED_RR) != 1 || sched_get_priority_max(SCHED_RR) != 99) {
-        GTEST_SKIP() << "the expected values hold for the usual SCHED_RR range 1..99";
+    struct Case {
+        uint64_t priority;
+        bool entry;
+        uint64_t stack;
+        FaultPoint *fault;
+        int64_t rc;
+        uint64_t cells;
+        uint64_t failures;
+        const char *line;
+    };
+    const Case cases[] = {
+        {256, true, 0, nullptr, 5, 7, 0, "para fail,ret = 5,ul_return_code = 0,ul_priority = 256\n"},
+        {1, false, 0, nullptr, 5, 7, 0, "para fail,ret = 5,ul_return_code = 0,ul_priority = 1\n"},
+        {1, true, 1ULL << 47, nullptr, 2, kNoThread, 1, "pthread_create fail, errno="}, // no such stack
+        {1, true, 0, &g_memset_fault, -1, 7, 0, "memset_s fail\n"},
+    };
+    for (const Case &c : cases) {
+        LogCapture log;
+        uint64_t a = 7;
+        uint64_t b = 7;
+        const uint64_t ok_before = counter(g_creatthreadoknum);
+        const uint64_t fail_before = counter(g_creatthreadfailnum);
+        if (c.fault != nullptr) {
+            c.fault->arm(0, 34, {.this_thread = true, .core_only = true});
+        }
+        EXPECT_EQ(osal_create_task("refused", c.entry ? probe_entry : nullptr, c.priority, 0, c.stack, 0, &a, &b),
+                  c.rc)
+            << c.line;
+        disarm_platform_faults();
+        EXPECT_EQ(a, c.cells) << c.line;
+        EXPECT_EQ(b, c.cells) << c.line;
+        EXPECT_EQ(counter(g_creatthreadoknum), ok_before) << c.line;
+        EXPECT_EQ(counter(g_creatthreadfailnum), fail_before + c.failures) << c.line;
+        EXPECT_TRUE(log.contains(c.line)) << log.dump();
     }
+}
+
+TEST(OsalAttributes, BothSetsAndTheRoundRobinScale)
+{
+    EXPECT_EQ(set_thread_attr_by_prio(1, nullptr), 1U);
+    EXPECT_EQ(set_thread_attr_by_prio_preempt(1, nullptr), 1U);
+    const int max = sched_get_priority_max(SCHED_RR);
+    const bool usual = sched_get_priority_min(SCHED_RR) == 1 && max == 99;
     const std::pair<uint64_t, int> cases[] = {{0, 1}, {25, 10}, {128, 50}, {254, 98}, {255, 99}};
     for (const auto &[priority, expected] : cases) {
-        pthread_attr_t attr;
-        ASSERT_EQ(set_thread_attr_by_prio_preempt(priority, &attr), 0U);
-        int policy = -1;
-        sched_param param{};
-        pthread_attr_getschedpolicy(&attr, &policy);
-        pthread_attr_getschedparam(&attr, &param);
-        EXPECT_EQ(policy, SCHED_RR);
-        EXPECT_EQ(param.sched_priority, expected) << "priority " << priority;
-        pthread_attr_destroy(&attr);
+        for (bool preempt : {false, true}) {
+            pthread_attr_t attr;
+            ASSERT_EQ(preempt ? set_thread_attr_by_prio_preempt(priority, &attr)
+                              : set_thread_attr_by_prio(priority, &attr),
+                      0U);
+            int policy = -1;
+            int detach = -1;
+            sched_param param{};
+            pthread_attr_getschedpolicy(&attr, &policy);
+            pthread_attr_getschedparam(&attr, &param);
+            pthread_attr_getdetachstate(&attr, &detach);
+            EXPECT_EQ(policy, preempt ? SCHED_RR : SCHED_OTHER);
+            EXPECT_EQ(detach, PTHREAD_CREATE_DETACHED);
+            if (!preempt || usual) {
+                EXPECT_EQ(param.sched_priority, preempt ? expected : 0) << "priority " << priority;
+            }
+            pthread_attr_destroy(&attr);
+        }
     }
 }
 
@@ -206,15 +175,10 @@ struct CancelProbe {
     Gate unwound;
 };
 
-void open_unwound(void *arg)
-{
-    static_cast<CancelProbe *>(arg)->unwound.open();
-}
-
 uint64_t sleep_forever_entry(uint64_t arg)
 {
     auto *probe = reinterpret_cast<CancelProbe *>(arg);
-    pthread_cleanup_push(open_unwound, probe);
+    pthread_cleanup_push([](void *p) { static_cast<CancelProbe *>(p)->unwound.open(); }, probe);
     probe->started.open();
     for (;;) {
         osal_task_delay(1000);
@@ -225,28 +189,23 @@ uint64_t sleep_forever_entry(uint64_t arg)
 
 } // namespace
 
-TEST(OsalDelete, CancelsASleepingThread)
+TEST(OsalDelete, CancelsASleepingThreadAndJudgesFailuresByErrno)
 {
     CancelProbe probe;
-    uint64_t tid_a = 0;
-    uint64_t tid_b = 0;
-    ASSERT_EQ(osal_create_task("sleeper", sleep_forever_entry, 1, 0, 0, reinterpret_cast<uint64_t>(&probe), &tid_a,
-                               &tid_b),
+    uint64_t a = 0;
+    uint64_t b = 0;
+    ASSERT_EQ(osal_create_task("sleeper", sleep_forever_entry, 1, 0, 0, reinterpret_cast<uint64_t>(&probe), &a, &b),
               0);
-    ASSERT_TRUE(probe.started.wait_for(10s));
-    EXPECT_EQ(osal_delete_task(tid_a), 0U);
-    EXPECT_TRUE(probe.unwound.wait_for(10s));
-}
+    ASSERT_TRUE(probe.started.wait_for());
+    EXPECT_EQ(osal_delete_task(a), 0U);
+    EXPECT_TRUE(probe.unwound.wait_for());
 
-TEST(OsalDelete, FailureIsJudgedByErrnoNotByTheReturnedNumber)
-{
     struct Case {
         int rc;
         int err;
         uint32_t expected;
     };
-    const Case cases[] = {{ESRCH, EPERM, 6}, {EINVAL, ESRCH, 1}, {ESRCH, ESRCH, 1}};
-    for (const Case &c : cases) {
+    for (const Case &c : {Case{ESRCH, EPERM, 6}, Case{EINVAL, ESRCH, 1}, Case{ESRCH, ESRCH, 1}}) {
         g_fake_cancel_rc.store(c.rc);
         g_fake_cancel_errno.store(c.err);
         g_fake_cancel.store(true);
@@ -262,4 +221,5 @@ TEST(OsalDelay, SleepsWholeSecondsPlusTheRemainder)
     const int64_t slept = elapsed_ms([] { osal_task_delay(1050); });
     EXPECT_GE(slept, 1040);
     EXPECT_LT(slept, 5000);
+    EXPECT_EQ(osal_get_process_id(), getpid());
 }

@@ -1,12 +1,15 @@
-// Helpers shared by the OS-layer test programs: a latch, scheduling privileges, and
+// Helpers shared by the OS-layer test programs: a latch, scheduling privileges and
 // timed-lock records.
 #pragma once
+
+#include <pthread.h>
+#include <sched.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "support/log_capture.h"
@@ -16,13 +19,23 @@
 namespace velmar::vostest {
 
 using namespace velmar::test;
+using namespace std::chrono_literals;
 
 // A one-shot latch that tests open to let their threads or tasks go on.
 class Gate {
 public:
-    void open();
-    void wait();
-    bool wait_for(std::chrono::milliseconds limit);
+    void open()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        cv_.notify_all();
+    }
+    void wait() { (void)wait_for(std::chrono::hours(24)); }
+    bool wait_for(std::chrono::milliseconds limit = 10s)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cv_.wait_for(lock, limit, [this] { return open_; });
+    }
 
 private:
     std::mutex mutex_;
@@ -31,16 +44,41 @@ private:
 };
 
 // Whether this thread may start SCHED_RR threads, asked the way the library asks.
-bool can_start_sched_rr();
-// Capabilities are per thread: drops CAP_SYS_NICE from the calling thread only, so that a
-// privileged test run can still see how the library behaves without the privilege.
-void drop_sched_privilege_of_this_thread();
+inline bool can_start_sched_rr()
+{
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attr, SCHED_RR);
+    sched_param param{};
+    param.sched_priority = 1;
+    pthread_attr_setschedparam(&attr, &param);
+    pthread_t thread;
+    const int rc = pthread_create(&thread, &attr, [](void *) -> void * { return nullptr; }, nullptr);
+    if (rc == 0) {
+        pthread_join(thread, nullptr);
+    }
+    pthread_attr_destroy(&attr);
+    return rc == 0;
+}
 
-// A timed-lock record made and released by the test (types 0-2 or 3).
+// A timed-lock record made and released by the test (null when the set-up failed).
 class LockRecord {
 public:
-    LockRecord(int32_t type, int32_t initial_count, const char *name = "test");
-    ~LockRecord();
+    LockRecord(int32_t type, int32_t initial_count, const char *name = "test") : m_(thread_timed_malloc_id())
+    {
+        if (m_ != nullptr && thread_timed_mutex_init(name, m_, type, initial_count) != 0) {
+            free(m_);
+            m_ = nullptr;
+        }
+    }
+    ~LockRecord()
+    {
+        if (m_ != nullptr) {
+            thread_timed_mutex_destroy(m_);
+            free(m_);
+        }
+    }
     LockRecord(const LockRecord &) = delete;
     LockRecord &operator=(const LockRecord &) = delete;
     THREAD_TIMED_MUTEX_ST *get() const { return m_; }
@@ -58,6 +96,16 @@ struct LockState {
     pthread_t owner = 0;
     std::vector<uint64_t> waiters;
 };
-LockState snapshot(THREAD_TIMED_MUTEX_ST *m);
+
+inline LockState snapshot(THREAD_TIMED_MUTEX_ST *m)
+{
+    pthread_mutex_lock(&m->mutex);
+    LockState s{m->count, m->wait_num, m->nest_num, m->locked, m->owner, {}};
+    for (const THREAD_WAITER_NODE_ST *node = m->pwater_list; node != nullptr; node = node->next) {
+        s.waiters.push_back(node->tid);
+    }
+    pthread_mutex_unlock(&m->mutex);
+    return s;
+}
 
 } // namespace velmar::vostest
