@@ -43,15 +43,19 @@ TEST(HashFaults, FailedStoreReturnsTheCodeLogsAndLeavesTheTableUnchanged)
         HASH_TABLE_ST *table = hash_table_new();
         ASSERT_EQ(hash_table_put2(table, "kept", &g_release_calls, count_release), 0);
         int value = 5, ret = 0;
-        LogCapture log;
+        const long heap = live_heap_blocks();
         {
-            ArmedFault fault(*f.point, f.nth, f.injected);
-            ret = hash_table_put2(table, "new tag", &value, count_release);
-            EXPECT_GT(f.point->calls(), f.nth) << "the injected call was not reached";
+            LogCapture log;
+            {
+                ArmedFault fault(*f.point, f.nth, f.injected);
+                ret = hash_table_put2(table, "new tag", &value, count_release);
+                EXPECT_GT(f.point->calls(), f.nth) << "the injected call was not reached";
+            }
+            EXPECT_EQ(ret, f.expected);
+            EXPECT_EQ(log.count_ending_with(f.line), 1U) << log.dump();
+            EXPECT_EQ(log.count_ending_with("put tag fail " + std::to_string(f.expected) + "\n"), 1U) << log.dump();
         }
-        EXPECT_EQ(ret, f.expected);
-        EXPECT_EQ(log.count_ending_with(f.line), 1U) << log.dump();
-        EXPECT_EQ(log.count_ending_with("put tag fail " + std::to_string(f.expected) + "\n"), 1U) << log.dump();
+        EXPECT_EQ(live_heap_blocks(), heap) << "the failed store leaked";
         EXPECT_EQ(count_hash_table(table), 1U);
         EXPECT_EQ(hash_table_get(table, "kept"), &g_release_calls);
         EXPECT_EQ(g_release_calls, 0) << "a failed store must not release the caller's value";
@@ -72,15 +76,19 @@ TEST(HashFaults, FailedCreationReturnsNullWithItsLine)
         if (f.point == &g_malloc_fault && !kMallocReplaceable) {
             continue;
         }
-        LogCapture log;
-        HASH_TABLE_ST *table = nullptr;
+        const long heap = live_heap_blocks();
         {
-            ArmedFault fault(*f.point, f.nth, f.injected);
-            table = hash_table_new();
+            LogCapture log;
+            HASH_TABLE_ST *table = nullptr;
+            {
+                ArmedFault fault(*f.point, f.nth, f.injected);
+                table = hash_table_new();
+            }
+            EXPECT_EQ(table, nullptr) << "call " << f.nth;
+            EXPECT_EQ(log.lines().size(), f.line == nullptr ? 0U : 1U) << log.dump();
+            EXPECT_EQ(log.count_ending_with(f.line == nullptr ? "\n" : f.line), f.line == nullptr ? 0U : 1U) << log.dump();
         }
-        EXPECT_EQ(table, nullptr) << "call " << f.nth;
-        EXPECT_EQ(log.lines().size(), f.line == nullptr ? 0U : 1U) << log.dump();
-        EXPECT_EQ(log.count_ending_with(f.line == nullptr ? "\n" : f.line), f.line == nullptr ? 0U : 1U) << log.dump();
+        EXPECT_EQ(live_heap_blocks(), heap) << "the failed creation leaked, call " << f.nth;
     }
 }
 

@@ -12,6 +12,10 @@
 #include <vector>
 
 #include "hash_table.h"
+#include "support/malloc_faults.h"
+
+using velmar::test::kMallocReplaceable;
+using velmar::test::live_heap_blocks;
 
 namespace {
 
@@ -85,6 +89,7 @@ TEST(HashTable, RandomStoresAndRemovalsMatchAModelOfTheChains)
     HASH_TABLE_ST *table = hash_table_new();
     ASSERT_NE(table, nullptr);
     g_released.clear();
+    g_released.reserve(2000); // so that only the table allocates or frees during a call
     std::map<uint32_t, std::vector<Stored>> model;
     std::vector<std::pair<char, void *>> expect_released;
     auto release = [&](const Stored &s) {
@@ -100,7 +105,9 @@ TEST(HashTable, RandomStoresAndRemovalsMatchAModelOfTheChains)
             Stored s{tag, reinterpret_cast<void *>(step), releases[rng() % 3]};
             char copy[16] = {};
             std::strncpy(copy, tag.c_str(), sizeof copy - 1);
+            const long heap = live_heap_blocks();
             ASSERT_EQ(hash_table_put2(table, copy, s.value, s.release), 0);
+            ASSERT_EQ(live_heap_blocks(), heap + (kMallocReplaceable && it == chain.end() ? 2 : 0)); // node and tag
             std::memset(copy, '#', sizeof copy - 1); // the table keeps its own copy
             if (it == chain.end()) {
                 chain.push_back(s);
@@ -109,7 +116,9 @@ TEST(HashTable, RandomStoresAndRemovalsMatchAModelOfTheChains)
                 *it = s;
             }
         } else {
+            const long heap = live_heap_blocks();
             hash_table_rm(table, tag.c_str());
+            ASSERT_EQ(live_heap_blocks(), heap - (kMallocReplaceable && it != chain.end() ? 2 : 0)) << "not freed";
             if (it != chain.end()) {
                 release(*it);
                 chain.erase(it);

@@ -90,6 +90,7 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
     SCOPED_TRACE("VELMAR_TEST_SEED=" + std::to_string(seed));
     std::mt19937 rng(seed);
     std::vector<void *> model, freed;
+    g_released.reserve(3000); // so that only the list allocates or frees during a call
     for (int step = 0; step < 3000 && !HasFailure(); step++) {
         Entry *e = entry(static_cast<int32_t>(rng() % 12) - 6);
         LIST_COMPARE_FN cmp = rng() % 2 ? compare_key : nullptr; // null: the list's own
@@ -102,7 +103,9 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
             auto hit = std::ranges::find_if(model, [e](void *x) { return compare_key(x, e) == 0; });
             LIST_NODE_ST *node = list_search(list_, e, cmp);
             ASSERT_EQ(list_to_item(node), hit == model.end() ? nullptr : *hit);
+            const long heap = live_heap_blocks();
             ASSERT_EQ(op == 5 ? list_remove(list_, node) : list_remove_by_tag(list_, e, cmp), 0);
+            ASSERT_EQ(live_heap_blocks(), heap - (kMallocReplaceable && hit != model.end() ? 1 : 0)) << "node not freed";
             if (hit != model.end()) {
                 freed.push_back(*hit);
                 model.erase(hit);
@@ -111,6 +114,7 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
         }
         const int32_t edges[] = {INT32_MIN, -1, 0, INT32_MAX};
         const int32_t pos = rng() % 5 == 0 ? edges[rng() % 4] : static_cast<int32_t>(rng() % (model.size() + 4)) - 2;
+        const long heap = live_heap_blocks();
         if (fault != nullptr) {
             fault->arm(0, code); // checked once disarmed: a failing check allocates
         }
@@ -120,6 +124,7 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
         if (fault != nullptr) {
             fault->disarm();
             ASSERT_EQ(rc, code);
+            ASSERT_EQ(live_heap_blocks(), heap) << "the failed insertion leaked";
             continue;
         }
         ASSERT_EQ(rc, 0);
@@ -314,9 +319,15 @@ TEST(ListFaults, CreateReportsEachFailureAndReleasesTheHandle)
     for (auto [fault, code, after] : cases) {
         if (fault != &g_malloc_fault || kMallocReplaceable) { // sanitizers own malloc
             LIST_ST *out = untouched;
-            ArmedFault armed(*fault, 0, code);
-            EXPECT_EQ(list_create(&out, nullptr, nullptr), code);
+            const long heap = live_heap_blocks();
+            int rc = 0;
+            {
+                ArmedFault armed(*fault, 0, code);
+                rc = list_create(&out, nullptr, nullptr);
+            }
+            EXPECT_EQ(rc, code);
             EXPECT_EQ(out, after);
+            EXPECT_EQ(live_heap_blocks(), heap) << "the failed creation leaked";
         }
     }
 }
