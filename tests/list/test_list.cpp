@@ -105,7 +105,8 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
             ASSERT_EQ(list_to_item(node), hit == model.end() ? nullptr : *hit);
             const long heap = live_heap_blocks();
             ASSERT_EQ(op == 5 ? list_remove(list_, node) : list_remove_by_tag(list_, e, cmp), 0);
-            ASSERT_EQ(live_heap_blocks(), heap - (kMallocReplaceable && hit != model.end() ? 1 : 0)) << "node not freed";
+            const bool freed_one = kMallocReplaceable && hit != model.end();
+            ASSERT_EQ(live_heap_blocks(), heap - (freed_one ? 1 : 0)) << "node not freed";
             if (hit != model.end()) {
                 freed.push_back(*hit);
                 model.erase(hit);
@@ -208,7 +209,9 @@ TEST_F(ListTest, ItemRemovedDuringIterationIsFreedWhenTheIterationMovesOn)
     // The compare argument wins over the list's own, which would read seq 5 as a key.
     Entry *y = entry(1);
     ASSERT_EQ(list_append(list_, y), 0);
-    auto match_seq = [](void *item, void *key) { return static_cast<Entry *>(item)->seq == *static_cast<int *>(key) ? 0 : 1; };
+    auto match_seq = [](void *item, void *key) {
+        return static_cast<Entry *>(item)->seq == *static_cast<int *>(key) ? 0 : 1;
+    };
     EXPECT_EQ(list_to_item(list_search(list_, &y->seq, match_seq)), y);
     EXPECT_EQ(list_remove_by_tag(list_, &y->seq, match_seq), 0);
     EXPECT_EQ(list_items(list_), (std::vector<void *>{e[1], e[3]}));
@@ -239,7 +242,8 @@ TEST_F(ListTest, ConcatMovesNodesReleasesSourceAndKeepsCount)
     EXPECT_EQ(list_size(dst), 0u);
     EXPECT_EQ(list_is_empty(dst), 0);
     EXPECT_EQ(list_last_item(dst), expected.back());
-    for (auto [to, from] : {std::pair{dst, dst}, std::pair{static_cast<LIST_ST *>(nullptr), dst}, std::pair{dst, static_cast<LIST_ST *>(nullptr)}}) {
+    LIST_ST *none = nullptr;
+    for (auto [to, from] : {std::pair{dst, dst}, std::pair{none, dst}, std::pair{dst, none}}) {
         EXPECT_EQ(list_concat_after(to, from) + list_concat_before(to, from), 44);
     }
     EXPECT_TRUE(g_released.empty());
@@ -315,7 +319,8 @@ TEST(ListFaults, CreateReportsEachFailureAndReleasesTheHandle)
     auto *const untouched = reinterpret_cast<LIST_ST *>(&marker);
     // Fault, code, and what *out holds afterwards: mutex failures come after *out is set.
     const std::tuple<FaultPoint *, int, LIST_ST *> cases[] = {
-        {&g_memset_fault, HOST_SEC_ERANGE, untouched}, {&g_settype_fault, 11, nullptr}, {&g_malloc_fault, 12, untouched}};
+        {&g_memset_fault, HOST_SEC_ERANGE, untouched}, {&g_settype_fault, 11, nullptr},
+        {&g_malloc_fault, 12, untouched}};
     for (auto [fault, code, after] : cases) {
         if (fault != &g_malloc_fault || kMallocReplaceable) { // sanitizers own malloc
             LIST_ST *out = untouched;

@@ -60,8 +60,8 @@ int parse_line(const std::string &line, pid_t pid)
         std::strcmp(name, kNames[level]) != 0) {
         return -1;
     }
-    return line.compare(static_cast<size_t>(rest), std::string::npos, std::string(kPad, static_cast<char>('a' + t))) == 0
-               ? level : -1;
+    const std::string pad(kPad, static_cast<char>('a' + t));
+    return line.compare(static_cast<size_t>(rest), std::string::npos, pad) == 0 ? level : -1;
 }
 
 TEST(Dlog, EnvironmentChoosesTheLevelAndLinesFromManyThreadsStayWhole)
@@ -109,8 +109,8 @@ TEST(Dlog, SinkReceivesExactlyTheFormattedLinesThatPassTheLevel)
 {
     const int env_level = host_dlog_get_level();
     Lines got;
-    host_dlog_set_sink([](int level, const char *line, void *ctx) { static_cast<Lines *>(ctx)->emplace_back(level, line); },
-                       &got);
+    host_dlog_set_sink(
+        [](int level, const char *line, void *ctx) { static_cast<Lines *>(ctx)->emplace_back(level, line); }, &got);
     host_dlog_set_level(0);
     EXPECT_EQ(CheckLogLevel(10, 0), 1);
     DlogDebugInner(10, "d%d", 0);
@@ -135,7 +135,9 @@ TEST(Dlog, SinkReceivesExactlyTheFormattedLinesThatPassTheLevel)
 TEST(Dlog, SinkChangesRaceFreelyWithLoggingThreads)
 {
     std::atomic<int> counts[2] = {0, 0};
-    const host_dlog_sink_fn count = [](int, const char *, void *ctx) { static_cast<std::atomic<int> *>(ctx)->fetch_add(1); };
+    const host_dlog_sink_fn count = [](int, const char *, void *ctx) {
+        static_cast<std::atomic<int> *>(ctx)->fetch_add(1);
+    };
     host_dlog_set_level(3);
     host_dlog_set_sink(count, &counts[0]);
     std::atomic<bool> stop{false};

@@ -12,6 +12,8 @@ using namespace std::literals;
 
 namespace {
 
+constexpr char kNoTerminator[4] = {'u', 'u', 'u', 'u'};
+
 TEST(Securec, EachCallReturnsItsCodeAndLeavesTheDocumentedDestination)
 {
     constexpr size_t kHuge = size_t{HOST_SEC_MAX_DEST} + 1;
@@ -33,7 +35,7 @@ TEST(Securec, EachCallReturnsItsCodeAndLeavesTheDocumentedDestination)
         {"strncpy_s count", [](char *d) { return strncpy_s(d, 8, src, 3); }, 0, "012\0????"s},
         {"strncpy_s short source", [](char *d) { return strncpy_s(d, 8, "ab", 8); }, 0, "ab\0?????"s},
         // No terminator within `count`: the address sanitizer reports any read past it.
-        {"strncpy_s unterminated", [](char *d) { return strncpy_s(d, 8, std::string(4, 'u').data(), 4); }, 0, "uuuu\0???"s},
+        {"strncpy_s unterminated", [](char *d) { return strncpy_s(d, 8, kNoTerminator, 4); }, 0, "uuuu\0???"s},
         {"sprintf_s exact fit", [](char *d) { return sprintf_s(d, 8, "%s-%d", "ab", 1234); }, 7, "ab-1234\0"s},
         {"memset_s dest_max 0", [](char *d) { return memset_s(d, 0, 0, 0); }, HOST_SEC_ERANGE, untouched},
         {"memcpy_s huge dest_max", [](char *d) { return memcpy_s(d, kHuge, src, 1); }, HOST_SEC_ERANGE, untouched},

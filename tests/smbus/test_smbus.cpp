@@ -109,7 +109,7 @@ namespace {
 constexpr char kReportError[] = "__dm_smbus_send: ioctl fail\n";
 
 class Smbus : public ::testing::Test {
-public:
+protected:
     void SetUp() override
     {
         fd_ = open("/dev/null", O_RDWR);
@@ -179,9 +179,9 @@ TEST_F(Smbus, RecvReadsTheLengthThenTheCountedBlock)
         for (size_t i = 0; i < buf_.size(); ++i) {
             EXPECT_EQ(buf_[i], i >= c.len ? 0xEE : c.zeros ? 0 : i + 1) << "byte " << i << " of " << c.len;
         }
-        EXPECT_EQ(calls(), (std::vector<std::string>{fields("smbus rw/cmd/size", {I2C_SMBUS_READ, 0x21, 2}),
-                                                     fields("rdwr msgs/addr/flags/len", {1, 0x64, I2C_M_RD, c.len + 1})}))
-            << "no slave selection of its own";
+        const std::vector<std::string> expected = {fields("smbus rw/cmd/size", {I2C_SMBUS_READ, 0x21, 2}),
+                                                   fields("rdwr msgs/addr/flags/len", {1, 0x64, I2C_M_RD, c.len + 1})};
+        EXPECT_EQ(calls(), expected) << "no slave selection of its own";
     }
 }
 
@@ -191,21 +191,23 @@ TEST_F(Smbus, FailuresReturnTheirCodeAndLogTheirLine)
 {
     const struct {
         const char *line;
-        std::function<int(Smbus &)> call;
+        std::function<int()> call;
         I2cDevice device;
         FaultPoint *fault;
         int injected, rc;
         size_t calls;
     } cases[] = {
-        {"Drv_check:(data != ((void *)0))", [](Smbus &t) { return smbus_msg_send(t.fd_, nullptr, 1); }, {}, nullptr, 0, -22, 0},
-        {"Drv_check:(data_len <= 32)", [](Smbus &t) { return t.send(33); }, {}, nullptr, 0, -22, 0},
-        {"memcpy_s error", [](Smbus &t) { return t.send(1); }, {}, &g_memcpy_fault, 34, 34, 1},
-        {"__dm_smbus_send: ioctl set slave addr fail:64", [](Smbus &t) { return t.send(1); }, {.slave_rc = -1}, nullptr, 0, -1, 1},
-        {"Drv_check:(data_recv != ((void *)0))", [](Smbus &t) { return smbus_msg_recv(t.fd_, nullptr, &t.len_); }, {}, nullptr, 0, -22, 0},
-        {"Drv_check:(recv_len != ((void *)0))", [](Smbus &t) { return smbus_msg_recv(t.fd_, t.buf_.data(), nullptr); }, {}, nullptr, 0, -22, 0},
-        {"Drv_check:(ret == 0)", [](Smbus &t) { return t.recv(); }, {}, &g_memset_fault, 34, -22, 0},
-        {"Drv_check:(req_data.block[0] <= 32)", [](Smbus &t) { return t.recv(); }, {.length = 33}, nullptr, 0, -22, 1},
-        {"memcpy_s error", [](Smbus &t) { return t.recv(); }, {.length = 3}, &g_memcpy_fault, 162, 162, 2},
+        {"Drv_check:(data != ((void *)0))", [&] { return smbus_msg_send(fd_, nullptr, 1); }, {}, nullptr, 0, -22, 0},
+        {"Drv_check:(data_len <= 32)", [&] { return send(33); }, {}, nullptr, 0, -22, 0},
+        {"memcpy_s error", [&] { return send(1); }, {}, &g_memcpy_fault, 34, 34, 1},
+        {"__dm_smbus_send: ioctl set slave addr fail:64", [&] { return send(1); }, {.slave_rc = -1}, nullptr, 0, -1, 1},
+        {"Drv_check:(data_recv != ((void *)0))", [&] { return smbus_msg_recv(fd_, nullptr, &len_); }, {}, nullptr, 0,
+         -22, 0},
+        {"Drv_check:(recv_len != ((void *)0))", [&] { return smbus_msg_recv(fd_, buf_.data(), nullptr); }, {}, nullptr,
+         0, -22, 0},
+        {"Drv_check:(ret == 0)", [&] { return recv(); }, {}, &g_memset_fault, 34, -22, 0},
+        {"Drv_check:(req_data.block[0] <= 32)", [&] { return recv(); }, {.length = 33}, nullptr, 0, -22, 1},
+        {"memcpy_s error", [&] { return recv(); }, {.length = 3}, &g_memcpy_fault, 162, 162, 2},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.line);
@@ -214,7 +216,7 @@ TEST_F(Smbus, FailuresReturnTheirCodeAndLogTheirLine)
         if (c.fault != nullptr) {
             c.fault->arm(0, c.injected);
         }
-        EXPECT_EQ(c.call(*this), c.rc);
+        EXPECT_EQ(c.call(), c.rc);
         EXPECT_EQ(calls().size(), c.calls);
         EXPECT_EQ(log.count_ending_with(std::string(c.line) + "\n"), 1U) << log.dump();
         if (c.rc == -22) {
