@@ -16,7 +16,7 @@ std::vector<void *> list_items(LIST_ST *list); // in iteration order
 
 namespace {
 
-constexpr int kWriters = 3, kPerWriter = 1000, kRemovers = 2, kIterators = 2;
+constexpr int kWriters = 3, kPerWriter = 1000, kRemovers = 3;
 constexpr uint32_t kAlive = 0x4c495645;
 
 struct Tracked {
@@ -28,17 +28,18 @@ std::array<std::atomic<int>, kWriters * kPerWriter> g_frees;
 
 struct Shared {
     LIST_ST *list = nullptr;
-    std::atomic<bool> writers_done{false}, removers_done{false};
+    std::atomic<bool> writers_done{false};
     std::atomic<int> bad_items{0};    // items met after their free
     std::atomic<int> out_of_order{0}; // one writer's items met out of append order
-    std::latch start{kWriters + kRemovers + kIterators}; // overlap, not staggered starts
+    std::latch start{kWriters + kRemovers}; // overlap, not staggered starts
 };
 
-// Removes this remover's share (by id): a third by node while standing on it, a third by
-// tag, a third by node just after the iterator left it (unlinked at once unless another
-// iterator holds it). Only this thread removes its share, so a node left behind is valid.
-// Any pass also checks each writer's order and polls the lock-free accessors.
-void walk(Shared &s, int remover)
+// Walks the whole list, checking each writer's order and polling the lock-free
+// accessors, while it removes its own share (by id): a third by node while standing on
+// it, a third by tag, a third by node just after leaving it (unlinked at once unless
+// another thread's iterator holds it). Only this thread removes its share, so a node
+// left behind is valid; the other removers' iterators stand on nodes this one removes.
+void remove_pass(Shared &s, int remover)
 {
     LIST_NODE_ST *behind = nullptr;
     std::array<int, kWriters> last_seq;
@@ -83,13 +84,13 @@ TEST(ListThreads, RemovalUnderOtherThreadsIteratorsFreesEachItemOnce)
             g_frees[static_cast<size_t>(t->id)]++;
             delete t;
         }), 0);
-        std::vector<std::thread> writers, others;
-        for (int i = 0; i < kRemovers + kIterators; i++) { // iterators remove nothing
-            others.emplace_back([&s, i] {
+        std::vector<std::thread> writers, removers;
+        for (int r = 0; r < kRemovers; r++) {
+            removers.emplace_back([&s, r] {
                 s.start.arrive_and_wait();
                 for (bool last_pass = false; !last_pass;) { // a pass begun after the writers finished sees all
-                    last_pass = i < kRemovers ? s.writers_done.load() : s.removers_done.load();
-                    walk(s, i < kRemovers ? i : -1);
+                    last_pass = s.writers_done.load();
+                    remove_pass(s, r);
                 }
             });
         }
@@ -103,9 +104,7 @@ TEST(ListThreads, RemovalUnderOtherThreadsIteratorsFreesEachItemOnce)
         }
         std::ranges::for_each(writers, &std::thread::join);
         s.writers_done = true;
-        std::for_each(others.begin(), others.begin() + kRemovers, [](auto &t) { t.join(); });
-        s.removers_done = true;
-        std::for_each(others.begin() + kRemovers, others.end(), [](auto &t) { t.join(); });
+        std::ranges::for_each(removers, &std::thread::join);
         EXPECT_EQ(s.bad_items.load(), 0);
         EXPECT_EQ(s.out_of_order.load(), 0);
         EXPECT_EQ(list_size(s.list), 0u);
