@@ -2,7 +2,6 @@
 // process-wide failure report, and the safe open through a symbolic link. The program
 // defines ioctl and realpath itself (ELF interposition); calls not aimed at the fake go
 // on to the real functions.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
@@ -13,7 +12,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -50,12 +51,19 @@ std::string fields(const char *label, std::initializer_list<unsigned> values)
     return out;
 }
 
+// -1 sets errno, as the kernel would.
+int answer(int rc)
+{
+    errno = rc == -1 ? EIO : errno;
+    return rc;
+}
+
 int fake_ioctl(unsigned long request, void *arg)
 {
     std::lock_guard lock(g_lock);
     if (request == I2C_SLAVE_FORCE) {
         g_calls.push_back(fields("slave", {static_cast<unsigned>(reinterpret_cast<uintptr_t>(arg))}));
-        return g_device.slave_rc;
+        return answer(g_device.slave_rc);
     }
     if (request == I2C_RDWR) {
         const auto *rdwr = static_cast<i2c_rdwr_ioctl_data *>(arg);
@@ -64,8 +72,12 @@ int fake_ioctl(unsigned long request, void *arg)
         for (uint16_t i = 0; i < msg.len && g_device.block_rc != -1; ++i) {
             msg.buf[i] = i == 0 ? g_device.length : static_cast<uint8_t>(i);
         }
-        errno = EIO;
-        return g_device.block_rc;
+        return answer(g_device.block_rc);
+    }
+    if (request != I2C_SMBUS) {
+        g_calls.push_back(fields("unexpected request", {static_cast<unsigned>(request)}));
+        errno = ENOTTY;
+        return -1;
     }
     const auto *smbus = static_cast<i2c_smbus_ioctl_data *>(arg);
     uint8_t *block = smbus->data->block;
@@ -74,11 +86,10 @@ int fake_ioctl(unsigned long request, void *arg)
         for (unsigned i = 0; i <= block[0]; ++i) {
             g_calls.back() += fields(i == 0 ? " data" : "", {block[i]});
         }
-        return g_device.write_rc;
+        return answer(g_device.write_rc);
     }
     block[0] = g_device.length_rc == -1 ? block[0] : g_device.length;
-    errno = EIO;
-    return g_device.length_rc;
+    return answer(g_device.length_rc);
 }
 
 } // namespace
