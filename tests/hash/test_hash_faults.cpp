@@ -43,7 +43,7 @@ TEST(HashFaults, FailedStoreReturnsTheCodeLogsAndLeavesTheTableUnchanged)
         HASH_TABLE_ST *table = hash_table_new();
         ASSERT_EQ(hash_table_put2(table, "kept", &g_release_calls, count_release), 0);
         int value = 5, ret = 0;
-        const long heap = live_heap_blocks();
+        const long blocks = live_heap_blocks();
         {
             LogCapture log;
             {
@@ -55,7 +55,7 @@ TEST(HashFaults, FailedStoreReturnsTheCodeLogsAndLeavesTheTableUnchanged)
             EXPECT_EQ(log.count_ending_with(f.line), 1U) << log.dump();
             EXPECT_EQ(log.count_ending_with("put tag fail " + std::to_string(f.expected) + "\n"), 1U) << log.dump();
         }
-        EXPECT_EQ(live_heap_blocks(), heap) << "the failed store leaked";
+        EXPECT_EQ(live_heap_blocks(), blocks) << "the failed store leaked";
         EXPECT_EQ(count_hash_table(table), 1U);
         EXPECT_EQ(hash_table_get(table, "kept"), &g_release_calls);
         EXPECT_EQ(g_release_calls, 0) << "a failed store must not release the caller's value";
@@ -76,7 +76,7 @@ TEST(HashFaults, FailedCreationReturnsNullWithItsLine)
         if (f.point == &g_malloc_fault && !kMallocReplaceable) {
             continue;
         }
-        const long heap = live_heap_blocks();
+        const long blocks = live_heap_blocks();
         {
             LogCapture log;
             HASH_TABLE_ST *table = nullptr;
@@ -88,7 +88,7 @@ TEST(HashFaults, FailedCreationReturnsNullWithItsLine)
             EXPECT_EQ(log.lines().size(), f.line == nullptr ? 0U : 1U) << log.dump();
             EXPECT_TRUE(f.line == nullptr || log.count_ending_with(f.line) == 1U) << log.dump();
         }
-        EXPECT_EQ(live_heap_blocks(), heap) << "the failed creation leaked, call " << f.nth;
+        EXPECT_EQ(live_heap_blocks(), blocks) << "the failed creation leaked, call " << f.nth;
     }
 }
 

@@ -103,10 +103,10 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
             auto hit = std::ranges::find_if(model, [e](void *x) { return compare_key(x, e) == 0; });
             LIST_NODE_ST *node = list_search(list_, e, cmp);
             ASSERT_EQ(list_to_item(node), hit == model.end() ? nullptr : *hit);
-            const long heap = live_heap_blocks();
+            const long blocks = live_heap_blocks();
             ASSERT_EQ(op == 5 ? list_remove(list_, node) : list_remove_by_tag(list_, e, cmp), 0);
             const bool freed_one = kMallocReplaceable && hit != model.end();
-            ASSERT_EQ(live_heap_blocks(), heap - (freed_one ? 1 : 0)) << "node not freed";
+            ASSERT_EQ(live_heap_blocks(), blocks - (freed_one ? 1 : 0)) << "node not freed";
             if (hit != model.end()) {
                 freed.push_back(*hit);
                 model.erase(hit);
@@ -115,7 +115,7 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
         }
         const int32_t edges[] = {INT32_MIN, -1, 0, INT32_MAX};
         const int32_t pos = rng() % 5 == 0 ? edges[rng() % 4] : static_cast<int32_t>(rng() % (model.size() + 4)) - 2;
-        const long heap = live_heap_blocks();
+        const long blocks = live_heap_blocks();
         if (fault != nullptr) {
             fault->arm(0, code); // checked once disarmed: a failing check allocates
         }
@@ -125,7 +125,7 @@ TEST_F(ListTest, RandomOperationsMatchAVectorModel)
         if (fault != nullptr) {
             fault->disarm();
             ASSERT_EQ(rc, code);
-            ASSERT_EQ(live_heap_blocks(), heap) << "the failed insertion leaked";
+            ASSERT_EQ(live_heap_blocks(), blocks) << "the failed insertion leaked";
             continue;
         }
         ASSERT_EQ(rc, 0);
@@ -324,7 +324,7 @@ TEST(ListFaults, CreateReportsEachFailureAndReleasesTheHandle)
     for (auto [fault, code, after] : cases) {
         if (fault != &g_malloc_fault || kMallocReplaceable) { // sanitizers own malloc
             LIST_ST *out = untouched;
-            const long heap = live_heap_blocks();
+            const long blocks = live_heap_blocks();
             int rc = 0;
             {
                 ArmedFault armed(*fault, 0, code);
@@ -332,7 +332,7 @@ TEST(ListFaults, CreateReportsEachFailureAndReleasesTheHandle)
             }
             EXPECT_EQ(rc, code);
             EXPECT_EQ(out, after);
-            EXPECT_EQ(live_heap_blocks(), heap) << "the failed creation leaked";
+            EXPECT_EQ(live_heap_blocks(), blocks) << "the failed creation leaked";
         }
     }
 }

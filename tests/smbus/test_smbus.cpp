@@ -1,4 +1,4 @@
-// SMBus access on a fake I2C bus: the exact requests, the specified outcomes, the
+// SMBus access on a fake I2C bus: the exact requests, the documented outcomes, the
 // process-wide failure report, and the safe open through a symbolic link. The program
 // defines ioctl and realpath itself (ELF interposition); calls not aimed at the fake go
 // on to the real functions.
