@@ -1,3 +1,4 @@
+// The error-line rate limiter is pure logic: driven directly with synthetic clock values.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -6,38 +7,26 @@
 
 #include "common/dm_log.h"
 
-using velmar::log::admit_error;
-using velmar::log::FileLimiter;
-using velmar::log::SiteCounter;
+using namespace velmar::log;
 
+// One line per file in each window of more than 3000 ms, whichever site asks; files are
+// independent; a written line resets its site.
 TEST(RateLimiter, OneLinePerFileInEachWindow)
 {
-    FileLimiter file;
-    SiteCounter site_a{0};
-    SiteCounter site_b{0};
-    const uint64_t t0 = 1'700'000'000'000ULL;
-
-    EXPECT_TRUE(admit_error(file, site_a, t0));         // first line of the file
-    EXPECT_FALSE(admit_error(file, site_a, t0 + 10));   // same site, inside the window
-    EXPECT_FALSE(admit_error(file, site_b, t0 + 2999)); // another site of the same file
-    EXPECT_FALSE(admit_error(file, site_b, t0 + 3000)); // exactly 3000 ms is not "more than"
-    EXPECT_TRUE(admit_error(file, site_b, t0 + 3001));  // the window is over
-    EXPECT_EQ(site_b.load(), 0U);                       // a written line resets its site
-    EXPECT_EQ(file.count.load(), 0U);
-    EXPECT_FALSE(admit_error(file, site_a, t0 + 3002));
-}
-
-TEST(RateLimiter, FilesAreIndependent)
-{
-    FileLimiter file_one;
-    FileLimiter file_two;
-    SiteCounter site_one{0};
-    SiteCounter site_two{0};
-    const uint64_t t0 = 5'000;
-
-    EXPECT_TRUE(admit_error(file_one, site_one, t0));
-    EXPECT_TRUE(admit_error(file_two, site_two, t0 + 1));
-    EXPECT_FALSE(admit_error(file_one, site_one, t0 + 2));
+    FileLimiter files[2];
+    SiteCounter sites[3] = {0, 0, 0}; // sites 0 and 1 in file 0, site 2 in file 1
+    constexpr uint64_t t0 = 1'700'000'000'000ULL;
+    const struct {
+        int site;
+        uint64_t at;
+        bool admitted;
+    } steps[] = {{0, t0, true}, {0, t0 + 10, false}, {2, t0 + 11, true}, {1, t0 + 2999, false},
+                 {1, t0 + 3000, false}, {1, t0 + 3001, true}, {0, t0 + 3002, false}, {2, t0 + 3002, false}};
+    for (const auto &s : steps) {
+        EXPECT_EQ(admit_error(files[s.site / 2], sites[s.site], s.at), s.admitted) << s.site << " at +" << s.at - t0;
+    }
+    EXPECT_EQ(sites[1].load(), 0U);
+    EXPECT_EQ(files[0].count.load(), 1U);
 }
 
 TEST(RateLimiter, ConcurrentCallersWriteOnceInAWindow)
@@ -49,9 +38,7 @@ TEST(RateLimiter, ConcurrentCallersWriteOnceInAWindow)
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int k = 0; k < 1000; ++k) {
-                if (admit_error(file, site, 10'000 + static_cast<uint64_t>(k % 7))) {
-                    written.fetch_add(1);
-                }
+                written += admit_error(file, site, 10'000 + static_cast<uint64_t>(k % 7)) ? 1 : 0;
             }
         });
     }

@@ -7,11 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -24,8 +23,7 @@ extern char **environ;
 
 namespace {
 
-constexpr int kThreads = 8;
-constexpr int kLinesPerLevel = 50;
+constexpr int kThreads = 8, kLinesPerLevel = 50;
 constexpr size_t kPad = 300; // long lines make a split write visible
 const char kChildFlag[] = "HOST_DLOG_TEST_CHILD";
 
@@ -45,9 +43,7 @@ const char kChildFlag[] = "HOST_DLOG_TEST_CHILD";
             }
         });
     }
-    for (auto &th : threads) {
-        th.join();
-    }
+    std::ranges::for_each(threads, &std::thread::join);
     std::_Exit(0);
 }();
 
@@ -58,9 +54,8 @@ int parse_line(const std::string &line, pid_t pid)
     static const char *const kNames[] = {"DEBUG", "INFO", "WARN", "ERROR"};
     int y, mo, d, h, mi, s, ms, line_pid, tid, module, level, t, rest = 0;
     char name[8] = {};
-    if (std::sscanf(line.c_str(), "%4d-%2d-%2d %2d:%2d:%2d.%3d %7s %d:%d [%d] L%d t%d %n", &y,
-                    &mo, &d, &h, &mi, &s, &ms, name, &line_pid, &tid, &module, &level, &t,
-                    &rest) != 13 ||
+    if (std::sscanf(line.c_str(), "%4d-%2d-%2d %2d:%2d:%2d.%3d %7s %d:%d [%d] L%d t%d %n", &y, &mo, &d, &h, &mi,
+                    &s, &ms, name, &line_pid, &tid, &module, &level, &t, &rest) != 13 ||
         line_pid != pid || module != 10 || level < 0 || level > 3 || line[23] != ' ' ||
         std::strcmp(name, kNames[level]) != 0) {
         return -1;
@@ -69,53 +64,40 @@ int parse_line(const std::string &line, pid_t pid)
     return line.compare(static_cast<size_t>(rest), std::string::npos, pad) == 0 ? level : -1;
 }
 
-// Runs the child with VELMAR_LOG_LEVEL=`level` (unset when null); counts its lines per
-// level, -1 counting the lines that are not whole.
-std::array<int, 5> run_child(const char *level)
-{
-    const std::string path = testing::TempDir() + "dlog_" + std::to_string(getpid()) + ".log";
-    std::vector<std::string> env = {std::string(kChildFlag) + "=1", "VELMAR_LOG_FILE=" + path};
-    if (level != nullptr) {
-        env.push_back(std::string("VELMAR_LOG_LEVEL=") + level);
-    }
-    for (char **e = environ; *e != nullptr; ++e) {
-        if (std::strncmp(*e, "VELMAR_LOG_", 11) != 0) {
-            env.emplace_back(*e);
-        }
-    }
-    std::vector<char *> envp;
-    for (auto &s : env) {
-        envp.push_back(s.data());
-    }
-    envp.push_back(nullptr);
-    char exe[] = "/proc/self/exe";
-    char *argv[] = {exe, nullptr};
-    pid_t pid = 0;
-    int status = -1;
-    EXPECT_EQ(posix_spawn(&pid, exe, nullptr, nullptr, argv, envp.data()), 0);
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
-    std::array<int, 5> counts{};
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        ++counts[static_cast<size_t>(parse_line(line, pid) + 1)];
-    }
-    std::remove(path.c_str());
-    return counts;
-}
-
 TEST(Dlog, EnvironmentChoosesTheLevelAndLinesFromManyThreadsStayWhole)
 {
-    const std::pair<const char *, int> cases[] = {{nullptr, 2}, {"debug", 0}, {"INFO", 1},
-                                                  {"warning", 2}, {"error", 3}, {"0", 0},
-                                                  {"3", 3}, {"nonsense", 2}};
+    const std::pair<const char *, int> cases[] = {{nullptr, 2}, {"debug", 0}, {"INFO", 1}, {"warning", 2},
+                                                  {"error", 3}, {"0", 0}, {"3", 3}, {"nonsense", 2}};
+    const std::string path = testing::TempDir() + "dlog_" + std::to_string(getpid()) + ".log";
     for (const auto &[value, lowest] : cases) {
         SCOPED_TRACE(value == nullptr ? "(unset)" : value);
-        const std::array<int, 5> counts = run_child(value);
-        EXPECT_EQ(counts[0], 0) << "lines that are not whole";
-        for (int level = 0; level < 4; ++level) {
-            EXPECT_EQ(counts[static_cast<size_t>(level + 1)],
-                      level >= lowest ? kThreads * kLinesPerLevel : 0)
+        std::vector<std::string> env = {std::string(kChildFlag) + "=1", "VELMAR_LOG_FILE=" + path};
+        if (value != nullptr) {
+            env.push_back(std::string("VELMAR_LOG_LEVEL=") + value);
+        }
+        for (char **e = environ; *e != nullptr; ++e) {
+            if (std::strncmp(*e, "VELMAR_LOG_", 11) != 0) {
+                env.emplace_back(*e);
+            }
+        }
+        std::vector<char *> envp;
+        std::ranges::for_each(env, [&envp](std::string &s) { envp.push_back(s.data()); });
+        envp.push_back(nullptr);
+        char exe[] = "/proc/self/exe";
+        char *argv[] = {exe, nullptr};
+        pid_t pid = 0;
+        int status = -1;
+        ASSERT_EQ(posix_spawn(&pid, exe, nullptr, nullptr, argv, envp.data()), 0);
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(status, 0);
+        std::array<int, 5> counts{}; // lines that are not whole, then per level
+        std::ifstream in(path);
+        for (std::string line; std::getline(in, line);) {
+            ++counts[static_cast<size_t>(parse_line(line, pid) + 1)];
+        }
+        std::remove(path.c_str());
+        for (int level = -1; level < 4; ++level) {
+            EXPECT_EQ(counts[static_cast<size_t>(level + 1)], level >= lowest ? kThreads * kLinesPerLevel : 0)
                 << "level " << level;
         }
     }
@@ -127,9 +109,8 @@ TEST(Dlog, SinkReceivesExactlyTheFormattedLinesThatPassTheLevel)
 {
     const int env_level = host_dlog_get_level();
     Lines got;
-    host_dlog_set_sink([](int level, const char *line, void *ctx) {
-        static_cast<Lines *>(ctx)->emplace_back(level, line);
-    }, &got);
+    host_dlog_set_sink(
+        [](int level, const char *line, void *ctx) { static_cast<Lines *>(ctx)->emplace_back(level, line); }, &got);
     host_dlog_set_level(0);
     EXPECT_EQ(CheckLogLevel(10, 0), 1);
     DlogDebugInner(10, "d%d", 0);
@@ -139,7 +120,7 @@ TEST(Dlog, SinkReceivesExactlyTheFormattedLinesThatPassTheLevel)
     EXPECT_EQ(CheckLogLevel(10, 3), 1);
     DlogWarnInner(10, "filtered");
     DlogErrorInner(10, "e%c", '!');
-    host_dlog_set_level(4);
+    host_dlog_set_level(9); // counts as 4: silent
     EXPECT_EQ(CheckLogLevel(10, 3) + CheckLogLevel(10, 4), 0);
     DlogErrorInner(10, "silenced");
     host_dlog_set_level(-1);
@@ -173,9 +154,7 @@ TEST(Dlog, SinkChangesRaceFreelyWithLoggingThreads)
             }
         });
     }
-    for (auto &th : loggers) {
-        th.join();
-    }
+    std::ranges::for_each(loggers, &std::thread::join);
     stop = true;
     switcher.join();
     host_dlog_set_sink(nullptr, nullptr);
