@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make pkg-config binutils libgtest-dev libgmock-dev
-          libbenchmark-dev iproute2 pandoc)
+          libbenchmark-dev iproute2 pandoc clang libclang-rt-14-dev)
 
 missing=()
 for pkg in "${packages[@]}"; do
