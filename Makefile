@@ -7,9 +7,11 @@
 #   make tsan    the test suite under ThreadSanitizer
 #   make slow    the tests that wait for real, long delays (label "slow")
 #   make bench   build (release) and run the benchmarks
+#   make fuzz    replay the fuzz corpora, then fuzz each target FUZZ_SECONDS (600) seconds
 
 CTEST_ARGS ?=
-.PHONY: deps test demo asan tsan slow bench clean
+FUZZ_SECONDS ?= 600
+.PHONY: deps test demo asan tsan slow bench fuzz clean
 
 deps:
 	@scripts/install-deps.sh
@@ -43,6 +45,9 @@ bench: deps
 	cmake --preset release >/dev/null
 	cmake --build --preset release
 	scripts/bench.sh build/release
+
+fuzz: deps
+	FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz.sh
 
 clean:
 	rm -rf build

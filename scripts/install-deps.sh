@@ -8,7 +8,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make pkg-config binutils libgtest-dev libgmock-dev
-          libbenchmark-dev iproute2 pandoc nlohmann-json3-dev libpcap-dev tshark)
+          libbenchmark-dev iproute2 pandoc nlohmann-json3-dev libpcap-dev tshark clang
+          libclang-rt-14-dev)
 
 missing=()
 for pkg in "${packages[@]}"; do
