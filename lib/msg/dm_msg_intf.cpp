@@ -71,6 +71,7 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len);
 // touches it.
 struct RecvSlot {
     DM_INTF_ST *intf;
+    IntfCounters *counters; // the registration's block: no look-up per frame
     uint32_t lone_wakeups; // wake-ups in a row that found a single message
     uint32_t events;
 };
@@ -89,9 +90,11 @@ int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
     if (ret != 0) {
         return ret;
     }
-    RecvSlot slot{intf, 0, 0};
+    Context *ctx = context_of(dm_cb);
+    RecvSlot slot{intf, stats_attach(ctx, intf), 0, 0};
     ret = poller_fd_add(dm_cb->poller, intf->fd, 1, __dm_recv, &slot, sizeof(slot));
     if (ret != 0) {
+        stats_detach(ctx, intf);
         // The list owns the record now: taking it out closes and releases it.
         list_remove_by_tag(dm_cb->intf_list, intf, __dm_intf_cmp);
         *released = true;
@@ -103,12 +106,12 @@ int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released)
 
 namespace {
 
-void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg)
+void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg, IntfCounters *counters)
 {
     if (msg->type == DM_MSG_REQ) {
-        __dm_cmd_handle(intf, msg);
+        __dm_cmd_handle(intf, msg, counters);
     } else if (msg->type == DM_MSG_RSP) {
-        __dm_rsp_handle(intf, msg);
+        __dm_rsp_handle(intf, msg, counters);
     }
 }
 
@@ -172,7 +175,13 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
         msg.data.data_len = DM_MAX_DATA_LEN;
         msg.data.data = data;
         if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0) {
-            __dm_msg_dispatch(intf, &msg);
+            // A wake-up without data to read (an error or hang-up event) reads nothing.
+            if ((events & 0x0001) != 0) {
+                VELMAR_COUNT(slot->counters, received);
+            }
+            __dm_msg_dispatch(intf, &msg, slot->counters);
+        } else {
+            VELMAR_COUNT(slot->counters, malformed);
         }
         if (read == kRecvBatch || (events & 0x0001) == 0 || scope.closing() ||
             __dm_intf_generation(ctx) != generation || !__dm_more_ready(slot, fd, read)) {
@@ -277,6 +286,7 @@ void __dm_finish_destroy(void *arg)
         list_destroy(cb->cmd_reg_list);
     }
     ctx->requests.~RequestTable();
+    ctx->stats.~StatsTable();
     free(ctx);
 }
 
@@ -330,6 +340,7 @@ int dm_init(DM_CB_ST **dm_cb)
         return ret;
     }
     new (&ctx->requests) RequestTable();
+    new (&ctx->stats) StatsTable();
     *dm_cb = &ctx->cb;
     ret = __dm_build_context(&ctx->cb, __func__);
     if (ret != 0) {
@@ -385,6 +396,7 @@ int dm_intf_deregister(DM_INTF_ST *intf)
         return ret;
     }
     std::atomic_ref<uint32_t>(context_of(cb)->intf_generation).fetch_add(1, std::memory_order_acq_rel);
+    stats_detach(context_of(cb), intf);
     return list_remove_by_tag(cb->intf_list, intf, __dm_intf_cmp);
 }
 
