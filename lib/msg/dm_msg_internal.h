@@ -59,8 +59,16 @@ struct StatsTable {
             (block)->field.fetch_add(1, std::memory_order_relaxed);                  \
         }                                                                            \
     } while (0)
+// Takes back a count made in advance (see dm_send_req).
+#define VELMAR_UNCOUNT(block, field)                                                 \
+    do {                                                                             \
+        if ((block) != nullptr) {                                                    \
+            (block)->field.fetch_sub(1, std::memory_order_relaxed);                  \
+        }                                                                            \
+    } while (0)
 #else
 #define VELMAR_COUNT(block, field) ((void)(block))
+#define VELMAR_UNCOUNT(block, field) ((void)(block))
 #endif
 
 // The context's live requests by identity. The lock guards the map and the two flags of

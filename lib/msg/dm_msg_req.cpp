@@ -428,10 +428,12 @@ int dm_send_req(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_S
                              counters, &id) != 0) {
         return DM_ERR_PENDING_ADD;
     }
+    // Counted before the send: once the frame is out, its answer may reach a handler
+    // that destroys the context, block and all, while this thread is still here.
+    VELMAR_COUNT(counters, sent);
     int ret = intf->send_msg(intf, DM_MSG_REQ, addr, addr_len, data, id);
-    if (ret == 0) {
-        VELMAR_COUNT(counters, sent);
-    } else {
+    if (ret != 0) {
+        VELMAR_UNCOUNT(counters, sent);
         VELMAR_COUNT(counters, send_failed);
     }
     DM_LOG_DEBUG("finish call intf->send_msg, ret = %d\n", ret);
@@ -445,17 +447,19 @@ int dm_send_req(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_S
 int dm_send_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_ST *data,
                 uint64_t req_id)
 {
-    const int ret = intf->send_msg(intf, DM_MSG_RSP, addr, addr_len, data, req_id);
+    IntfCounters *counters = nullptr;
 #if VELMAR_COUNTERS
     if (intf->dm_cb != nullptr) {
-        IntfCounters *counters = stats_of(context_of(intf->dm_cb), intf);
-        if (ret == 0) {
-            VELMAR_COUNT(counters, sent);
-        } else {
-            VELMAR_COUNT(counters, send_failed);
-        }
+        counters = stats_of(context_of(intf->dm_cb), intf);
     }
 #endif
+    // In advance, as in dm_send_req: nothing of the context is touched once it is out.
+    VELMAR_COUNT(counters, sent);
+    const int ret = intf->send_msg(intf, DM_MSG_RSP, addr, addr_len, data, req_id);
+    if (ret != 0) {
+        VELMAR_UNCOUNT(counters, sent);
+        VELMAR_COUNT(counters, send_failed);
+    }
     return ret;
 }
 
