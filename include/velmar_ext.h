@@ -56,6 +56,38 @@ DM_EXPORT int velmar_dm_call(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_l
                              void *answer, uint32_t answer_cap, uint32_t *answer_len,
                              int *send_result);
 
+/* ---- Counters -------------------------------------------------------------------------
+ * What a context and one of its interfaces have done since they were made (since the
+ * interface was registered; a record registered anew starts from zero). The caller sets
+ * `size` to sizeof(VELMAR_DM_STATS) as it was compiled; the library fills at most that
+ * many bytes (whole counters only) and stores back in `size` how many it filled, so a
+ * record that grows in later versions stays readable by old callers and new callers
+ * see what an old library knows. Counters are 64-bit and only move forward, except
+ * pending_now. With a null `intf_name` the interface's counters read zero.
+ *
+ * Returns 0; -22 for a null context or record, or a size too small for pending_now;
+ * -2 when no interface of that name is registered with the context. Any thread. A
+ * library built without counters (VELMAR_COUNTERS=OFF) fills zeros. */
+typedef struct {
+    uint32_t size;     /* in: sizeof the caller's record; out: bytes filled */
+    uint32_t reserved; /* zero */
+    /* the context */
+    uint64_t pending_now; /* requests waiting for an answer or a time-out */
+    uint64_t pending_max; /* the most ever waiting at once */
+    /* the interface named intf_name */
+    uint64_t frames_sent;        /* through its send slot: requests, re-sends, answers */
+    uint64_t frames_received;    /* read by its receive slot into a message */
+    uint64_t requests_resent;    /* re-sends after a time-out period */
+    uint64_t requests_timed_out; /* requests given up after their last period */
+    uint64_t answers_matched;    /* answers that completed a pending request */
+    uint64_t answers_dropped;    /* answers for no pending request: late, duplicate, unknown */
+    uint64_t frames_malformed;   /* frames its receive slot refused */
+    uint64_t send_failures;      /* sends its send slot refused */
+    uint64_t pipe_full;          /* self-loop only: sends refused for a full pipe */
+    uint64_t requests_unhandled; /* requests dropped: no handler and no default handler */
+} VELMAR_DM_STATS;
+DM_EXPORT int velmar_dm_get_stats(DM_CB_ST *dm_cb, const char *intf_name, VELMAR_DM_STATS *stats);
+
 DM_EXTERN_C_END
 
 #endif /* VELMAR_EXT_H */

@@ -196,6 +196,12 @@ constexpr Reading kCall[] = {
     {3, "refused on the context's poller thread, which delivers the answer: nothing was sent "
         "(VELMAR_CALL_ON_POLLER_THREAD)"},
 };
+constexpr const char *kStatsNames[] = {"velmar_dm_get_stats"};
+constexpr Reading kStats[] = {
+    {0, "success: the record is filled and its size field says how far"},
+    {-2, "no interface of that name is registered with the context (ENOENT)"},
+    {-22, "a null context or record, or a size too small for the first counter (EINVAL)"},
+};
 constexpr const char *kTaskNames[] = {"vos_*", "task_task_info_init", "init_task_cb",
                                       "free_task_cb", "search_free_tcb", "get_stackframe"};
 constexpr Reading kTask[] = {
@@ -218,6 +224,7 @@ const Family kFamilies[] = {
     {"the framework's entry points", kFrameworkNames, kFramework, Rest::errno_up, false},
     {"dm_send_req", kSendReqNames, kSendReq, Rest::nothing, false},
     {"velmar_dm_call", kCallNames, kCall, Rest::nothing, false},
+    {"velmar_dm_get_stats", kStatsNames, kStats, Rest::nothing, false},
     {"selfloop_init, dm_udp_init and dm_ipc_init", kInitNames, kInit, Rest::errno_up, false},
     {"dm_hdc_init", kHdcInitNames, kHdcInit, Rest::hal, false},
     {"the interface name functions", kNameNames, kName, Rest::nothing, false},

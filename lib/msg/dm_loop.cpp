@@ -209,6 +209,11 @@ int __selfloop_put(Selfloop *s, const SELF_MSG_ST *frame, uint32_t len, const ch
     if (err != 0) {
         DM_LOG_ERR_AS(writer, "__selfloop_send: write fail.errno=%d\n", err);
     }
+#if VELMAR_COUNTERS
+    if (err == EAGAIN && s->intf.dm_cb != nullptr) {
+        VELMAR_COUNT(stats_of(context_of(s->intf.dm_cb), &s->intf), pipe_full);
+    }
+#endif
     return err;
 }
 

@@ -88,7 +88,7 @@ CmdReg *__dm_first_cmd(DM_CB_ST *cb, bool *broken)
 
 } // namespace
 
-void __dm_cmd_handle(DM_INTF_ST *intf, DM_MSG_ST *msg)
+void __dm_cmd_handle(DM_INTF_ST *intf, DM_MSG_ST *msg, IntfCounters *counters)
 {
     DM_CB_ST *cb = intf->dm_cb;
     bool broken = false;
@@ -109,11 +109,17 @@ void __dm_cmd_handle(DM_INTF_ST *intf, DM_MSG_ST *msg)
     DM_DEFAULT_HNDL_FN default_hndl = load_default_hndl(cb);
     if (default_hndl == nullptr) {
         DM_LOG_WARN("no handler for a request on interface [%s], dropped\n", intf->name);
+        VELMAR_COUNT(counters, unhandled);
         return;
     }
     DM_DATA_ST response = msg->data;
     default_hndl(&msg->data, &response);
-    (void)dm_send_rsp(intf, msg->addr, msg->addr_len, &response, msg->req_id);
+    // The block is at hand: dm_send_rsp would look it up again.
+    if (intf->send_msg(intf, DM_MSG_RSP, msg->addr, msg->addr_len, &response, msg->req_id) == 0) {
+        VELMAR_COUNT(counters, sent);
+    } else {
+        VELMAR_COUNT(counters, send_failed);
+    }
 }
 
 } // namespace velmar::msg

@@ -5,9 +5,13 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <unordered_map>
+#include <vector>
 
 #include "dm_msg.h"
 
@@ -20,6 +24,52 @@ inline constexpr int kSelfloopNameSize = sizeof(kSelfloopName); // with its term
 bool same_name(const char *a, const char *b);
 
 struct PendingReq;
+
+// One interface's counters (velmar_dm_get_stats). Relaxed atomics: each is a tally read
+// on its own, never with an ordering promise towards the others.
+struct IntfCounters {
+    char name[DM_INTF_NAME_LEN];
+    std::atomic<uint64_t> sent{0};
+    std::atomic<uint64_t> received{0};
+    std::atomic<uint64_t> resent{0};
+    std::atomic<uint64_t> timed_out{0};
+    std::atomic<uint64_t> matched{0};
+    std::atomic<uint64_t> dropped{0};
+    std::atomic<uint64_t> malformed{0};
+    std::atomic<uint64_t> send_failed{0};
+    std::atomic<uint64_t> pipe_full{0};
+    std::atomic<uint64_t> unhandled{0};
+};
+
+// The context's counter blocks. A block lives until the context does, even after its
+// interface is deregistered: a pending record or a receive already under way may still
+// hold it. `live` maps each registered record to its current block.
+struct StatsTable {
+    std::shared_mutex mutex;
+    std::vector<std::unique_ptr<IntfCounters>> blocks;
+    std::unordered_map<const DM_INTF_ST *, IntfCounters *> live;
+    std::atomic<uint64_t> pending_now{0};
+    std::atomic<uint64_t> pending_max{0};
+};
+
+#if VELMAR_COUNTERS
+#define VELMAR_COUNT(block, field)                                                   \
+    do {                                                                             \
+        if ((block) != nullptr) {                                                    \
+            (block)->field.fetch_add(1, std::memory_order_relaxed);                  \
+        }                                                                            \
+    } while (0)
+// Takes back a count made in advance (see dm_send_req).
+#define VELMAR_UNCOUNT(block, field)                                                 \
+    do {                                                                             \
+        if ((block) != nullptr) {                                                    \
+            (block)->field.fetch_sub(1, std::memory_order_relaxed);                  \
+        }                                                                            \
+    } while (0)
+#else
+#define VELMAR_COUNT(block, field) ((void)(block))
+#define VELMAR_UNCOUNT(block, field) ((void)(block))
+#endif
 
 // The context's live requests by identity. The lock guards the map and the two flags of
 // each record (busy, orphaned), and is never held while user code or a transport's slot
@@ -43,6 +93,7 @@ struct Context {
     // in one go notices when a handler has released its interface.
     uint32_t intf_generation;
     RequestTable requests; // constructed in place by dm_init, destroyed by dm_destroy
+    StatsTable stats;      // likewise
 };
 
 inline Context *context_of(DM_CB_ST *cb) { return reinterpret_cast<Context *>(cb); }
@@ -76,7 +127,7 @@ private:
 // natural handle, but the allocator hands it to the next request as soon as this one
 // ends, and late, duplicate or replayed answers are normal on a network: they would then
 // complete a stranger's request with the wrong payload.
-struct PendingReq {
+struct alignas(std::max_align_t) PendingReq {
     DM_INTF_ST *intf;
     DM_ADDR_ST addr;
     uint32_t addr_len;
@@ -93,6 +144,7 @@ struct PendingReq {
     // so that the poller thread deletes it when done.
     bool busy;
     bool orphaned;
+    IntfCounters *counters; // its interface's block, or null (counters compiled out)
 };
 
 // A command registration; the item type of cmd_reg_list.
@@ -111,8 +163,21 @@ int32_t __dm_cmd_cmp(void *item, void *key);
 void __dm_cmd_free(void *item);
 
 // ---- Dispatch, on the poller thread ----
-void __dm_cmd_handle(DM_INTF_ST *intf, DM_MSG_ST *msg);
-void __dm_rsp_handle(DM_INTF_ST *intf, DM_MSG_ST *msg);
+// `counters` is the arriving interface's block (may be null).
+void __dm_cmd_handle(DM_INTF_ST *intf, DM_MSG_ST *msg, IntfCounters *counters);
+void __dm_rsp_handle(DM_INTF_ST *intf, DM_MSG_ST *msg, IntfCounters *counters);
+
+// ---- Counters (dm_stats.cpp) ----
+// A fresh block for a record being registered, made the record's current one; null when
+// counters are compiled out or memory is short (the interface then goes uncounted).
+IntfCounters *stats_attach(Context *ctx, const DM_INTF_ST *intf);
+// The record is no longer registered: look-ups stop finding its block.
+void stats_detach(Context *ctx, const DM_INTF_ST *intf);
+// The current block of a registered record, or null. Any thread; takes a shared lock.
+IntfCounters *stats_of(Context *ctx, const DM_INTF_ST *intf);
+// A request entered or left the pending table.
+void stats_pending_added(Context *ctx);
+void stats_pending_removed(Context *ctx);
 
 // Releases every pending request of a context whose poller has stopped.
 void destroy_pending_list(DM_CB_ST *cb);

@@ -71,7 +71,8 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len);
 // how its recent wake-ups went. Only the poller thread touches it.
 struct RecvSlot {
     DM_INTF_ST *intf;
-    uint32_t speculative;  // the transport answers kSpeculativeRead quietly
+    uint32_t speculative;   // the transport answers kSpeculativeRead quietly
+    IntfCounters *counters; // the registration's block: no look-up per frame
     uint32_t lone_wakeups; // wake-ups in a row that found a single message
     uint32_t events;
 };
@@ -90,9 +91,11 @@ int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released, bool specul
     if (ret != 0) {
         return ret;
     }
-    RecvSlot slot{intf, speculative_reads ? 1U : 0U, 0, 0};
+    Context *ctx = context_of(dm_cb);
+    RecvSlot slot{intf, speculative_reads ? 1U : 0U, stats_attach(ctx, intf), 0, 0};
     ret = poller_fd_add(dm_cb->poller, intf->fd, 1, __dm_recv, &slot, sizeof(slot));
     if (ret != 0) {
+        stats_detach(ctx, intf);
         // The list owns the record now: taking it out closes and releases it.
         list_remove_by_tag(dm_cb->intf_list, intf, __dm_intf_cmp);
         *released = true;
@@ -104,12 +107,12 @@ int intf_register(DM_CB_ST *dm_cb, DM_INTF_ST *intf, bool *released, bool specul
 
 namespace {
 
-void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg)
+void __dm_msg_dispatch(DM_INTF_ST *intf, DM_MSG_ST *msg, IntfCounters *counters)
 {
     if (msg->type == DM_MSG_REQ) {
-        __dm_cmd_handle(intf, msg);
+        __dm_cmd_handle(intf, msg, counters);
     } else if (msg->type == DM_MSG_RSP) {
-        __dm_rsp_handle(intf, msg);
+        __dm_rsp_handle(intf, msg, counters);
     }
 }
 
@@ -190,7 +193,13 @@ int __dm_recv(int fd, int events, void *user_data, uint32_t user_data_len)
             break;
         }
         if (got == 0) {
-            __dm_msg_dispatch(intf, &msg);
+            // A wake-up without data to read (an error or hang-up event) reads nothing.
+            if ((events & 0x0001) != 0) {
+                VELMAR_COUNT(slot->counters, received);
+            }
+            __dm_msg_dispatch(intf, &msg, slot->counters);
+        } else {
+            VELMAR_COUNT(slot->counters, malformed);
         }
         if (read == kRecvBatch || (events & 0x0001) == 0 || scope.closing() ||
             __dm_intf_generation(ctx) != generation || !__dm_try_another(slot, fd, read)) {
@@ -295,6 +304,7 @@ void __dm_finish_destroy(void *arg)
         list_destroy(cb->cmd_reg_list);
     }
     ctx->requests.~RequestTable();
+    ctx->stats.~StatsTable();
     free(ctx);
 }
 
@@ -348,6 +358,7 @@ int dm_init(DM_CB_ST **dm_cb)
         return ret;
     }
     new (&ctx->requests) RequestTable();
+    new (&ctx->stats) StatsTable();
     *dm_cb = &ctx->cb;
     ret = __dm_build_context(&ctx->cb, __func__);
     if (ret != 0) {
@@ -403,6 +414,7 @@ int dm_intf_deregister(DM_INTF_ST *intf)
         return ret;
     }
     std::atomic_ref<uint32_t>(context_of(cb)->intf_generation).fetch_add(1, std::memory_order_acq_rel);
+    stats_detach(context_of(cb), intf);
     return list_remove_by_tag(cb->intf_list, intf, __dm_intf_cmp);
 }
 

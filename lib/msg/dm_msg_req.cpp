@@ -156,6 +156,8 @@ int __dm_pending_publish(Context *ctx, PendingReq *req)
     const uint32_t timeout_ms =
         std::atomic_ref<uint32_t>(intf->timeout_ms).load(std::memory_order_relaxed);
     TimerKey key{ctx, req->id};
+    // Counted before anyone can find the record, so that its removal never comes first.
+    stats_pending_added(ctx);
     std::lock_guard<std::mutex> guard(ctx->requests.mutex);
     if (req->retry_left >= 0) {
         ret = poller_timer_add(ctx->cb.poller, timeout_ms, __dm_timeout_handle, &key, sizeof(key),
@@ -172,6 +174,7 @@ int __dm_pending_publish(Context *ctx, PendingReq *req)
         }
     }
     if (ret != 0) {
+        stats_pending_removed(ctx);
         list_remove(ctx->cb.pending_list, req->node); // releases the record
     }
     return ret;
@@ -179,7 +182,7 @@ int __dm_pending_publish(Context *ctx, PendingReq *req)
 
 int __dm_pending_req_add(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_ST *data,
                          DM_RSP_CB_FN rsp_cb, void *user_data, uint32_t user_data_len,
-                         uint64_t *out_id)
+                         IntfCounters *counters, uint64_t *out_id)
 {
     if (static_cast<int32_t>(user_data_len) <= 0 || intf->dm_cb == nullptr) {
         return -12;
@@ -193,6 +196,7 @@ int __dm_pending_req_add(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, 
     req->addr = *addr;
     req->addr_len = addr_len;
     req->rsp_cb = rsp_cb;
+    req->counters = counters;
     req->id = __dm_next_req_id();
     ret = __dm_pending_copy(req, data, user_data, user_data_len, __func__);
     if (ret != 0) {
@@ -220,6 +224,7 @@ void __dm_pending_req_del(Context *ctx, PendingReq *req)
     if (req->retry_left >= 0 && req->timer != nullptr) {
         poller_timer_remove(ctx->cb.poller, &req->timer);
     }
+    stats_pending_removed(ctx);
     list_remove(ctx->cb.pending_list, req->node);
 }
 
@@ -267,7 +272,11 @@ bool __dm_resend(Context *ctx, PendingReq *req, uint32_t period_ms, const char *
 {
     DM_INTF_ST *intf = req->intf;
     int ret = intf->send_msg(intf, DM_MSG_REQ, &req->addr, req->addr_len, &req->data, req->id);
-    if (ret == 0) {
+    VELMAR_COUNT(req->counters, resent);
+    if (ret != 0) {
+        VELMAR_COUNT(req->counters, send_failed);
+    } else {
+        VELMAR_COUNT(req->counters, sent);
         DM_LOG_INFO_AS(writer, "process timeout, retry call intf->send_msg ret = %d\n", ret);
         TimerKey key{ctx, req->id};
         ret = poller_timer_add(ctx->cb.poller, period_ms, __dm_timeout_handle, &key, sizeof(key),
@@ -281,6 +290,7 @@ bool __dm_resend(Context *ctx, PendingReq *req, uint32_t period_ms, const char *
 void __dm_report_timeout(Context *ctx, PendingReq *req, const char *writer)
 {
     DM_INTF_ST *intf = req->intf;
+    VELMAR_COUNT(req->counters, timed_out);
     DM_DATA_ST response = req->data;
     // An interface without a time-out handler (the self-loop has none) answers with the
     // request's own data: calling the missing handler would crash the daemon.
@@ -299,6 +309,9 @@ void __dm_report_timeout(Context *ctx, PendingReq *req, const char *writer)
     // took the name gets an ordinary response.
     if (selfloop_send_timeout_rsp(loop, &req->addr, req->addr_len, &response, req->id) < 0) {
         (void)dm_send_rsp(loop, &req->addr, req->addr_len, &response, req->id);
+    } else {
+        // A frame through the self-loop like any other, so its sent and received agree.
+        VELMAR_COUNT(stats_of(ctx, loop), sent);
     }
     DM_LOG_INFO_AS(writer, "finish call dm_send_rsp\n");
 }
@@ -336,16 +349,22 @@ int __dm_timeout_handle(uint32_t period_ms, int32_t elapsed_ms, void *user_data,
 
 } // namespace
 
-void __dm_rsp_handle(DM_INTF_ST *intf, DM_MSG_ST *msg)
+void __dm_rsp_handle(DM_INTF_ST *intf, DM_MSG_ST *msg, IntfCounters *counters)
 {
     // Late, duplicate, replayed and unknown answers find nothing and are dropped.
     if (msg->req_id == 0) {
+        VELMAR_COUNT(counters, dropped);
         return;
     }
     Context *ctx = context_of(intf->dm_cb);
     PendingReq *req = __dm_claim(ctx, msg->req_id);
     if (req == nullptr) {
+        VELMAR_COUNT(counters, dropped);
         return;
+    }
+    // The framework's stand-in for a time-out is no answer: it counts as timed out.
+    if (!selfloop_delivering_timeout(intf)) {
+        VELMAR_COUNT(counters, matched);
     }
     if (req->rsp_cb != nullptr) {
         req->rsp_cb(intf, msg, req->user_data, req->user_data_len);
@@ -399,11 +418,24 @@ int dm_send_req(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_S
         return DM_ERR_INVALID_ARG;
     }
     uint64_t id = 0;
-    if (__dm_pending_req_add(intf, addr, addr_len, data, rsp_cb, user_data, user_data_len, &id) !=
-        0) {
+    IntfCounters *counters = nullptr;
+#if VELMAR_COUNTERS
+    if (intf->dm_cb != nullptr) {
+        counters = stats_of(context_of(intf->dm_cb), intf);
+    }
+#endif
+    if (__dm_pending_req_add(intf, addr, addr_len, data, rsp_cb, user_data, user_data_len,
+                             counters, &id) != 0) {
         return DM_ERR_PENDING_ADD;
     }
+    // Counted before the send: once the frame is out, its answer may reach a handler
+    // that destroys the context, block and all, while this thread is still here.
+    VELMAR_COUNT(counters, sent);
     int ret = intf->send_msg(intf, DM_MSG_REQ, addr, addr_len, data, id);
+    if (ret != 0) {
+        VELMAR_UNCOUNT(counters, sent);
+        VELMAR_COUNT(counters, send_failed);
+    }
     DM_LOG_DEBUG("finish call intf->send_msg, ret = %d\n", ret);
     if (ret != 0) {
         ret = __dm_give_up(context_of(intf->dm_cb), id) ? DM_ERR_SEND : 0;
@@ -415,7 +447,20 @@ int dm_send_req(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_S
 int dm_send_rsp(DM_INTF_ST *intf, DM_ADDR_ST *addr, uint32_t addr_len, DM_DATA_ST *data,
                 uint64_t req_id)
 {
-    return intf->send_msg(intf, DM_MSG_RSP, addr, addr_len, data, req_id);
+    IntfCounters *counters = nullptr;
+#if VELMAR_COUNTERS
+    if (intf->dm_cb != nullptr) {
+        counters = stats_of(context_of(intf->dm_cb), intf);
+    }
+#endif
+    // In advance, as in dm_send_req: nothing of the context is touched once it is out.
+    VELMAR_COUNT(counters, sent);
+    const int ret = intf->send_msg(intf, DM_MSG_RSP, addr, addr_len, data, req_id);
+    if (ret != 0) {
+        VELMAR_UNCOUNT(counters, sent);
+        VELMAR_COUNT(counters, send_failed);
+    }
+    return ret;
 }
 
 } // extern "C"

@@ -19,6 +19,19 @@ static void check_ext(void)
     int sent = -1;
     CHECK(velmar_dm_call(NULL, NULL, 0, NULL, NULL, 0, NULL, &sent) == VELMAR_CALL_NOT_SENT);
     CHECK(sent == DM_ERR_INVALID_ARG);
+    /* The record's size comes first; a record too short for a counter is refused. */
+    VELMAR_DM_STATS stats;
+    memset(&stats, 0, sizeof(stats));
+    stats.size = sizeof(stats);
+    CHECK(velmar_dm_get_stats(NULL, NULL, &stats) == -22);
+    stats.size = sizeof(uint32_t);
+    DM_CB_ST *cb = NULL;
+    CHECK(dm_init(&cb) == 0);
+    CHECK(velmar_dm_get_stats(cb, NULL, &stats) == -22);
+    stats.size = sizeof(stats);
+    CHECK(velmar_dm_get_stats(cb, "selfloop", &stats) == 0 && stats.size == sizeof(stats));
+    CHECK(velmar_dm_get_stats(cb, "none", &stats) == -2);
+    dm_destroy(cb);
 }
 
 int main(void)

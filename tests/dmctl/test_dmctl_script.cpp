@@ -100,6 +100,7 @@ TEST(DmctlScripting, ExitCodesJsonAndRawOutput)
              EXPECT_EQ(j.value("answered", -1), 0);
              EXPECT_EQ(j.value("timeouts", -1), 3);
              EXPECT_TRUE(j["latency_ms"].is_null());
+             EXPECT_EQ(j["counters"]["interfaces"]["dm_udp"].value("requests_timed_out", -1), 3);
          }},
         {"bench, text, no answer: says so instead of figures", false,
          {"bench", "-n", "2", "--retries", "0", "--timeout", "100"}, 1,
@@ -128,16 +129,25 @@ TEST(DmctlScripting, ServeJsonIsOneObjectPerLine)
     EXPECT_EQ(stopped.status, 0) << stopped.err;
     std::vector<std::string> events;
     std::vector<std::string> hex;
+    json counters;
     for (const json &line : json_lines(stopped.out)) {
         events.push_back(line.value("event", "?"));
+        if (line.value("event", "") == "counters") {
+            counters = line;
+        }
         if (line.value("event", "") == "request") {
             hex.push_back(line.value("hex", ""));
             EXPECT_EQ(line.value("verdict", ""), "answered");
         }
     }
     EXPECT_EQ(events, (std::vector<std::string>{"serving", "ready", "request", "request",
-                                                "stopping"}));
+                                                "stopping", "counters"}));
     EXPECT_EQ(hex, (std::vector<std::string>{"c328ff", "706c61696e"}));
+    // The library's own counts of the two requests and their answers.
+    const json udp = counters["interfaces"]["dm_udp"];
+    EXPECT_EQ(udp.value("frames_received", -1), 2) << counters.dump();
+    EXPECT_EQ(udp.value("frames_sent", -1), 2) << counters.dump();
+    EXPECT_EQ(udp.value("answers_dropped", -1), 0) << counters.dump();
 }
 
 struct SignalCase {

@@ -51,7 +51,7 @@ inline ::testing::AssertionResult written_by(const LogCapture &log, const std::s
                                              const std::string &writer)
 {
     using log_writer_detail::name_and_line;
-    static const std::string kModule = "][device monitor] ";
+    const std::string kModule = "][device monitor] "; // not static: leak checks count blocks
     bool seen = false;
     for (const std::string &line : log.lines()) {
         const size_t module = line.find(kModule);

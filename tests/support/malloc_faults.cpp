@@ -6,6 +6,7 @@
 namespace velmar::test {
 
 FaultPoint g_malloc_fault;
+FaultPoint g_calloc_fault;
 
 namespace {
 std::atomic<const void *> g_watched_block{nullptr};
@@ -48,6 +49,11 @@ extern "C" void *malloc(size_t size) noexcept
 
 extern "C" void *calloc(size_t count, size_t size) noexcept
 {
+    int code = 0;
+    if (velmar::test::g_calloc_fault.trip(code)) {
+        errno = code;
+        return nullptr;
+    }
     void *block = __libc_calloc(count, size);
     velmar::test::g_live_blocks += block != nullptr ? 1 : 0;
     return block;

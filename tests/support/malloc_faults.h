@@ -8,6 +8,7 @@
 namespace velmar::test {
 
 extern FaultPoint g_malloc_fault;
+extern FaultPoint g_calloc_fault;
 
 // Remembers one heap block; watched_block_freed() tells whether free() has been called
 // on it since. Only where kMallocReplaceable: elsewhere it stays false and LeakSanitizer

@@ -20,6 +20,7 @@
 #include "dm_platform.h"
 #include "host_platform.h"
 #include "support/faults.h"
+#include "support/malloc_faults.h"
 #include "vos/vos_test_support.h"
 #include "vos_osal.h"
 #include "vos_task.h"
@@ -35,8 +36,6 @@ constexpr uint32_t kNoneLive = 0x20000006;
 constexpr uint32_t kNullParam = 0x20000011;
 constexpr uint32_t kNotFound = 0xFFFFFFFFU;
 constexpr uint64_t kFreeWord = 0xFFFFFFFFU;
-
-FaultPoint g_calloc_fault;
 
 // The set-up fails with its code on each of its allocations, and then succeeds once.
 class TaskTableEnvironment : public ::testing::Environment {
@@ -172,18 +171,6 @@ protected:
 
 } // namespace
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-extern "C" void *__libc_calloc(size_t n, size_t size);
-extern "C" void *calloc(size_t n, size_t size) noexcept
-{
-    int code = 0;
-    if (g_calloc_fault.trip(code)) {
-        errno = code;
-        return nullptr;
-    }
-    return __libc_calloc(n, size);
-}
-#endif
 
 // The race detector's runtime calls this too, in threads it has not set up yet: nothing
 // here is instrumented, and only the armed creator thread goes further.

@@ -24,6 +24,7 @@
 #include "counters.h"
 #include "endpoint.h"
 #include "json_out.h"
+#include "lib_stats.h"
 #include "output.h"
 
 namespace dmctl {
@@ -32,7 +33,8 @@ namespace {
 
 const char kHelp[] =
     "usage: dmctl bench (--udp ADDR:PORT | --hdc N) [-n COUNT] [-w IN_FLIGHT]\n"
-    "                   [-s SIZE] [--retries N] [--timeout MS] [--json] [-v]\n"
+    "                   [-s SIZE] [--retries N] [--timeout MS] [--stats SECONDS]\n"
+    "                   [--json] [-v]\n"
     "\n"
     "Sends COUNT requests of SIZE bytes, keeping IN_FLIGHT of them outstanding, against a\n"
     "server that answers (dmctl serve), and reports round trips per second, latency\n"
@@ -44,7 +46,10 @@ const char kHelp[] =
     "  -s SIZE          payload bytes, 1..4096 (default 64)\n"
     "  --retries N      re-sends after a time-out (default 2)\n"
     "  --timeout MS     period between sends (default 1000)\n"
-    "  --json           one JSON object on stdout instead of the text report\n"
+    "  --stats SECONDS  the library's counters every SECONDS (the report ends with them\n"
+    "                   in any case)\n"
+    "  --json           one JSON object on stdout instead of the text report (the\n"
+    "                   counters in it; with --stats, one counters object per line before)\n"
     "  -v, --verbose    the interface's counters at exit\n"
     "A progress line is shown on a terminal. SIGINT or SIGTERM ends the run early with a\n"
     "partial report (JSON too). Latency figures come from answered requests only.\n"
@@ -77,6 +82,7 @@ struct BenchConfig {
     uint64_t size = 64;
     int64_t retries = 2;
     int64_t timeout_ms = 1000;
+    uint64_t stats_s = 0;
     bool json = false;
     bool verbose = false;
 };
@@ -91,6 +97,7 @@ struct Results {
 
 struct Bench {
     BenchConfig cfg;
+    DM_CB_ST *cb = nullptr;
     Endpoint ep;
     std::vector<uint8_t> payload;
     std::atomic<uint64_t> issued{0};
@@ -228,6 +235,9 @@ std::vector<Option> bench_options(BenchConfig &c)
     options.push_back({"--timeout", nullptr, true, [&c](const std::string &v) {
                            return parse_i64(v, 1, 3600000, c.timeout_ms);
                        }});
+    options.push_back({"--stats", nullptr, true, [&c](const std::string &v) {
+                           return parse_u64(v, 1, 86400, c.stats_s);
+                       }});
     options.push_back({"--json", nullptr, false, [&c](const std::string &) {
                            c.json = true;
                            return std::string();
@@ -280,6 +290,8 @@ const char *signal_name(int sig)
     return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal";
 }
 
+std::vector<std::string> stats_names_of(const Bench &b) { return stats_names({b.ep.intf}); }
+
 void print_text(const Bench &b, const Summary &s, const Ending &end)
 {
     const BenchConfig &c = b.cfg;
@@ -317,6 +329,7 @@ void print_text(const Bench &b, const Summary &s, const Ending &end)
         printf("  stalled: %llu requests never completed\n",
                static_cast<unsigned long long>(c.count - r.completed));
     }
+    print_stats(stdout, b.cb, stats_names_of(b), false);
 }
 
 void print_json_report(const Bench &b, const Summary &s, const Ending &end)
@@ -349,6 +362,7 @@ void print_json_report(const Bench &b, const Summary &s, const Ending &end)
     j["late_answers"] = s.late;
     j["stalled"] = end.stalled;
     j["interrupted"] = end.signal != 0 ? Json(signal_name(end.signal)) : Json(nullptr);
+    j["counters"] = stats_json(b.cb, stats_names_of(b));
     print_json(stdout, j);
 }
 
@@ -460,8 +474,12 @@ int bench(Bench &b)
     }
     b.done.assign(b.cfg.count, 0);
     b.res.latency_ns.reserve(b.cfg.count);
+    b.cb = ctx.cb();
+    StatsTicker ticker;
+    ticker.start(b.cfg.stats_s, b.cb, stats_names_of(b), b.cfg.json);
     start_load(b);
     const Ending end = wait_for_completion(b, stop);
+    ticker.stop();
     int status = kExitOk;
     {
         // The report first, also when interrupted: the load goes down afterwards.

@@ -18,6 +18,7 @@
 #include "json_out.h"
 #include "output.h"
 #include "request.h"
+#include "velmar_ext.h"
 
 namespace dmctl {
 
@@ -287,6 +288,31 @@ private:
     std::thread thread_; // last: starts once the members it uses exist
 };
 
+// Over UDP and HDC the answer is a response: the library's blocking call waits for it.
+// Returns dm_send_req's result; only on 0 is `reply` filled.
+int call(const Endpoint &ep, const std::vector<uint8_t> &payload, Reply &reply)
+{
+    DM_DATA_ST data{static_cast<uint16_t>(payload.size()), const_cast<uint8_t *>(payload.data())};
+    std::vector<uint8_t> answer(DM_MAX_DATA_LEN);
+    uint32_t len = 0;
+    int sent = 0;
+    const int ret = velmar_dm_call(ep.intf, const_cast<DM_ADDR_ST *>(&ep.peer), ep.peer_len, &data,
+                                   answer.data(), static_cast<uint32_t>(answer.size()), &len, &sent);
+    const int64_t at_ns = now_ns();
+    if (ret == VELMAR_CALL_NOT_SENT) {
+        return sent;
+    }
+    reply.timed_out = ret == VELMAR_CALL_TIMED_OUT;
+    answer.resize(std::min<size_t>(len, answer.size()));
+    reply.payload = std::move(answer);
+    reply.history = latest_history().value_or(SendHistory{});
+    // The call hands back the payload only; the slot wrapper saw where it came from.
+    reply.from = reply.history.answered ? describe_addr(&reply.history.from) : ep.label;
+    const int64_t first = reply.history.sends > 0 ? reply.history.at_ns[0] : at_ns;
+    reply.after_ms = static_cast<double>(at_ns - first) / 1e6;
+    return 0;
+}
+
 int send_one(const SendOptions &o)
 {
     Exchange exchange; // outlives the context: its callbacks may run until dm_destroy
@@ -303,7 +329,9 @@ int send_one(const SendOptions &o)
     int ret = 0;
     {
         WaitNotice notice(apply_retry(o, ep));
-        ret = exchange.run(ep, o.payload, reply);
+        // A device answers over IPC with a message of its own, never with a response.
+        ret = ep.target.transport == Transport::ipc ? exchange.run(ep, o.payload, reply)
+                                                    : call(ep, o.payload, reply);
     }
     const int status = ret == 0 ? report(reply, ep, o) : report_send_failure(ret, ep, o);
     if (o.verbose) {

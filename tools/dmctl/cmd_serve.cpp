@@ -20,6 +20,7 @@
 #include "endpoint.h"
 #include "host_platform.h"
 #include "json_out.h"
+#include "lib_stats.h"
 #include "output.h"
 #include "velmar_ext.h"
 
@@ -29,7 +30,7 @@ namespace {
 
 const char kHelp[] =
     "usage: dmctl serve (--udp ADDR:PORT | --hdc N | --ipc DEV)... [--delay MS]\n"
-    "                   [--drop RATE] [--seed N] [--freebind] [--json] [-v]\n"
+    "                   [--drop RATE] [--seed N] [--freebind] [--stats SECONDS] [--json] [-v]\n"
     "\n"
     "Answers every request with its own payload, until SIGINT or SIGTERM (SIGHUP does\n"
     "not stop it).\n"
@@ -44,7 +45,9 @@ const char kHelp[] =
     "  --seed N         seed of the drop decisions (default: random, printed with -v)\n"
     "  --json           one JSON object per line on stdout: each endpoint, \"ready\", each\n"
     "                   request, the stop (and with -v the summary; counters on stderr)\n"
-    "  -v, --verbose    one line per request; counters at exit\n"
+    "  --stats SECONDS  the library's counters every SECONDS (they are printed at the\n"
+    "                   stop in any case)\n"
+    "  -v, --verbose    one line per request; dmctl's own slot counters at exit\n"
     "Several transports may be given at once. Once everything is open it prints one\n"
     "line per endpoint (\"serving udp 127.0.0.1:40000\") and then \"ready\".\n"
     "What the library logs while the endpoints open comes after dmctl's own message.\n"
@@ -57,6 +60,7 @@ const char kHelp[] =
 struct ServeState {
     DM_CB_ST *cb = nullptr;
     uint32_t delay_ms = 0;
+    uint64_t stats_s = 0;
     double drop_rate = 0.0;
     bool verbose = false;
     bool json = false;
@@ -205,6 +209,9 @@ std::vector<Option> serve_options(std::vector<Target> &targets, ServeState &st, 
                            std::string why = parse_u64(v, 0, 3600000, ms);
                            st.delay_ms = static_cast<uint32_t>(ms);
                            return why;
+                       }});
+    options.push_back({"--stats", nullptr, true, [&st](const std::string &v) {
+                           return parse_u64(v, 1, 86400, st.stats_s);
                        }});
     options.push_back({"--drop", nullptr, true,
                        [&st](const std::string &v) { return parse_rate(v, st.drop_rate); }});
@@ -384,7 +391,15 @@ int run_serve(int argc, char **argv)
                    static_cast<unsigned long long>(seed));
         }
         announce_ready(*st);
+        std::vector<DM_INTF_ST *> intfs;
+        for (const Endpoint &ep : endpoints) {
+            intfs.push_back(ep.intf);
+        }
+        const std::vector<std::string> names = stats_names(intfs);
+        StatsTicker ticker;
+        ticker.start(st->stats_s, ctx.cb(), names, st->json);
         const int sig = wait_for_stop(stop);
+        ticker.stop();
         const char *name = sig == SIGINT ? "SIGINT" : "SIGTERM";
         if (st->json) {
             print_json(stdout, {{"event", "stopping"}, {"signal", name}});
@@ -393,6 +408,7 @@ int run_serve(int argc, char **argv)
         }
         std::lock_guard<std::mutex> guard(st->send_lock);
         st->stopping = true;
+        print_stats(stdout, ctx.cb(), names, st->json);
     } // the context goes here: no callback runs after this point
     if (st->verbose) {
         print_summary(*st);

@@ -45,10 +45,20 @@ Watched *find_watched(const DM_INTF_ST *intf)
     return nullptr;
 }
 
-bool history_known(uint64_t req_id)
+// Notes where the first answer to a known request came from (the blocking call that send
+// uses hands back the payload only); false for an answer to no known request.
+bool note_answer_from(const DM_MSG_ST *msg)
 {
     std::lock_guard<std::mutex> guard(g_history_lock);
-    return g_history.count(req_id) != 0;
+    auto it = g_history.find(msg->req_id);
+    if (it == g_history.end()) {
+        return false;
+    }
+    if (!it->second.answered && msg->addr != nullptr) {
+        it->second.answered = true;
+        it->second.from = *msg->addr;
+    }
+    return true;
 }
 
 // Notes one send of a request before it goes out (the answer may come back before the
@@ -114,7 +124,7 @@ int32_t counting_recv(DM_INTF_ST *intf, int32_t fd, int16_t events, DM_MSG_ST *m
     } else if ((events & 0x0001) != 0) {
         w->counters.received.fetch_add(1);
         // The framework drops such answers without a word; this is where they show.
-        if (msg->type == DM_MSG_RSP && !history_known(msg->req_id)) {
+        if (msg->type == DM_MSG_RSP && !note_answer_from(msg)) {
             w->counters.late.fetch_add(1);
         }
     }

@@ -41,6 +41,8 @@ struct SendHistory {
     uint32_t sends = 0;
     std::array<int64_t, kKeptTimes> at_ns{}; // times of the first sends (monotonic)
     int32_t last_result = 0;                 // send_msg's result of the latest send
+    bool answered = false;                   // a response for it was read: from `from`
+    DM_ADDR_ST from{};
 };
 
 // The stand-in payload of a timed-out request.
