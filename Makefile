@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Thin wrapper over the CMake presets, so that one short command does the whole job on
 # a fresh machine (it installs missing Debian packages first).
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hash table against std::unordered_map<std::string, void *> doing the same work in
 // the same run: storing N new tags into an empty container, and looking all N up again.
 // The table's 1024 buckets never grow, so its chains lengthen with N (about N / 1024

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a pending request costs, and whether that cost grows with the number pending.
 //
 // BM_RoundTripsWithPending/N: a client context keeps N requests parked (sent to a

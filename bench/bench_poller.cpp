@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Poller benchmarks. Each one measures the poller and a baseline in the same run; the
 // two comparisons that the busy shared machine makes noisy alternate poller and baseline
 // sample by sample and report the median and 90th percentile of each.

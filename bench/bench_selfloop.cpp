@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Self-loop request/response round trips through the framework, beside a bare pipe loop
 // that moves the same frames with the same system calls.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // UDP request/response round trips between two processes through the framework, beside
 // raw UDP ping-pongs of the same 4138-byte datagrams between two processes.
 //

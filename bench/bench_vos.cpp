@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The OS layer's locks against the bare POSIX primitives in the same run:
 // - uncontended lock + unlock of each timed-lock type (0 binary, 1 counting, 2 recursive
 //   mutex, 3 read-write), beside pthread_mutex_t, sem_t and pthread_rwlock_t;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Request/response round trips between two processes: the library over UDP beside
 // ZeroMQ DEALER/ROUTER over ipc://, 64 requests in flight, 4096-byte payloads.
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Manual pages, guides and examples, installed beside the libraries:
 #   share/man/man1   dmctl(1), devmgr-device(1)      from man/*.1.md
 #   share/man/man3   velmar_sastox(3), one page per header, and one page per exported

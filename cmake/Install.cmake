@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` puts in the prefix: the core library with its SONAME link chain,
 # the host platform layer, the headers a daemon includes, the command-line tools, a
 # pkg-config file, a CMake package (velmar::sastox, velmar::hostplat) and the Wireshark

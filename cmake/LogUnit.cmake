@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # velmar_log_unit(<unit> <sources...>): the sources form one logging unit and share one
 # error-line rate limiter (one of them must say DM_LOG_DEFINE_UNIT()).
 function(velmar_log_unit unit)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The version macros of the public headers come from project(VERSION ...), so that the
 # headers, the SONAME, the pkg-config file, the CMake package and velmar_version() can
 # never disagree. The generated header joins the public ones (and is installed with them).

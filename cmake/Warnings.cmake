@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # One warning set for every target of the project; warnings are errors so that the
 # tree stays clean on every compiler we build with.
 function(velmar_warnings target)

@@ -1,3 +1,4 @@
+-- SPDX-License-Identifier: Apache-2.0
 -- Wireshark dissector for the UDP frames of libvelmar_sastox.
 --
 -- Every frame is one 4138-byte datagram: a 42-byte header, then a 4096-byte data area of

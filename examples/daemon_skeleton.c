@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The skeleton of a daemon on libvelmar_sastox (docs/daemon.md explains each step):
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A minimal daemon on libvelmar_sastox: it creates a framework context, registers a
  * command handler and sends itself two requests through the self-loop interface. The

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A UDP client on libvelmar_sastox: it binds a UDP interface to 127.0.0.1 (any port) and
  * sends a few requests to an echo server (udp_echo_server). The server leaves the request

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A UDP echo server on libvelmar_sastox: it binds a UDP interface to 127.0.0.1 and
  * answers every request with the request's own payload, except a request "ignore me",

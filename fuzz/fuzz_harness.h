@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What every fuzz target shares: one framework context per process whose poller thread
 // receives and dispatches the fuzzer's bytes exactly as a daemon's would, a command
 // handler that answers every request, and a way to wait until the poller thread has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HDC frame as it reaches the interface's pipe: the fuzzer's bytes are written in
 // one write, as a session thread hands over what arrived on a session, and the poller
 // thread reads them back frame by frame. The interface is a client endpoint: it takes

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HDC frame as a peer sends it: the fuzzer's first byte is the run environment that
 // the peer announces, the rest is one packet sent on a fresh simulator session to a
 // server interface. Its accept thread and session thread take the packet into the pipe,

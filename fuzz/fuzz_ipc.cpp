@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IPC message: the fuzzer's first byte chooses the way in, the rest is the message.
 // Even: the simulated device sends it to this process, as a device would (the channel
 // carries at most 32 bytes). Odd: the bytes go as a raw datagram straight to the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The self-loop frame: the fuzzer's bytes go into the self-loop pipe in one write, as a
 // sender does, and the poller thread reads them frame by frame (one input may hold
 // several frames, or a frame cut short), dispatching what it can.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UDP datagram: the fuzzer's bytes go as one datagram from a peer socket to a UDP
 // interface, whose poller thread receives, checks and dispatches it; requests are
 // answered, responses matched with the pending request.

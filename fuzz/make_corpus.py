@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seed corpus of every fuzz target into fuzz/corpus/<target>/: a few valid
 frames of each kind and the malformed shapes that matter (short, wrong marker, oversized
 and zero data_len, reserved non-zero, a frame cut short, two frames in one input).

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Export marker of libvelmar_sastox: every name a daemon may use carries it; everything
  * else in the library is hidden. Valid C11 and C++. */
 #ifndef DM_EXPORT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * HDC interface: framework messages over the device driver's HDC channel. One interface,
  * named "dm_hdc<interface number>", per channel endpoint; an endpoint is a server (it

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * IPC interface: connects a framework context to the device manager's message channel.
  * The device manager gives one descriptor, which the context's poller watches; short

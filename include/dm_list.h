@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Locked list: a circular doubly linked list of opaque item pointers behind one handle,
  * with a recursive mutex, a compare callback and a free callback.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Self-loop interface: a process sends messages to itself through the framework. A
  * message written to it comes back as a received message on the poller thread. dm_init

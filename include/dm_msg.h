@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Message framework: the records that every transport shares, the framework context with
  * its interface registry, the command registry and requests with their time-outs.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Event poller: one thread ("do_poll") that polls registered descriptors and runs
  * one-shot timers in deadline order.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * SMBus access: short blocks exchanged with one device at the 7-bit slave address 0x64
  * on the first I2C bus ("/dev/i2c-0"), through the Linux I2C character device. This is

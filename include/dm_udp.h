@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * UDP interface: carries framework messages between processes over IPv4 datagrams. The
  * interface binds one non-blocking datagram socket, which the context's poller watches,

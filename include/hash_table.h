@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * String-keyed hash table: maps a NUL-terminated tag to a pointer-sized value, with an
  * optional release function per entry.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Extensions of libvelmar_sastox: names that the library exports beyond its specified
  * interface. Every one carries the reserved prefix velmar_ (functions) or VELMAR_
  * (macros), so that it can never clash with a specified name; docs/extensions.md

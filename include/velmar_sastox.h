@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Umbrella header of libvelmar_sastox: includes every exported header. */
 #ifndef VELMAR_SASTOX_H
 #define VELMAR_SASTOX_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Threads and priority attributes: the lowest layer of the OS abstraction. It starts
  * detached POSIX threads with a priority-derived attribute set, names them, cancels them,
  * sleeps, and tells which thread and process the caller is.

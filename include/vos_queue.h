@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * In-process message queues on private System V message queues. Each message carries
  * only a pointer to a heap copy of the payload, so a queue serves the threads of one

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Timed locks, the SPL lock and binary semaphores.
  *
  * THREAD_TIMED_MUTEX_ST is one lock record serving four kinds, chosen at initialisation:

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Task control blocks and task entry: a fixed table of 1011 blocks (valid task numbers 1
  * to 1010), task creation with four entry arguments, deletion, look-ups between task
  * numbers, thread identifiers and per-task process numbers, and the task-side delay.

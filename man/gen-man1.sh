@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Generates a section-1 manual page from its markdown source in man/.
 #
 #   gen-man1.sh PANDOC SOURCE OUTPUT VERSION

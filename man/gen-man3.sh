@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Generates the section-3 manual pages from docs/reference.md, so that the reference has
 # one source. Every "<!-- man3: PAGE "description" -->" marker in the reference starts a
 # page that runs to the next marker; each exported name in the page's "###" headings (and

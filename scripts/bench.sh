@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every benchmark program of a build folder, one after the other.
 set -euo pipefail
 # Pollers started and stopped by the benchmarks would otherwise print their specified

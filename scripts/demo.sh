@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the demo from a build folder: dmctl demo, which shows the framework over the
 # self-loop, UDP on loopback and HDC through the host simulator, between processes, with
 # one request that times out on purpose. The example programs in examples/ run as tests.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the fuzz targets (preset "fuzz": clang, libFuzzer, ASan + UBSan), replays every
 # committed corpus once, then fuzzes each target for FUZZ_SECONDS seconds.
 #

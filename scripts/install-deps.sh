@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building and testing need, when they are missing.
 # Safe to run again: it does nothing on a machine that has everything.
 # libpcap-dev and tshark serve `dmctl capture` and the dissector's test only: dmctl is

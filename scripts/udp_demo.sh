@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The UDP demo: an echo server and a client, two processes on 127.0.0.1. The client
 # sends four requests; the server answers three and ignores one, which the client's
 # framework sends twice more and then reports as timed out. Exit status 0 on success.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/dm_log.h"
 
 #include <sys/time.h>

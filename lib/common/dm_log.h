@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The library's one logging facility. Every line goes to the device log service with
 // module 10 and the prefix "[path:line][device monitor] [function line] ".
 //

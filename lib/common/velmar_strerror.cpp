@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Return codes in words.
 //
 // Every layer keeps its own numbers: negative errno values in the framework's entry

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The version of the library as built, for programs that want to compare it with the
 // headers they were compiled with (VELMAR_SASTOX_VERSION_STRING).
 #include "velmar_ext.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // String-keyed hash table with fixed buckets and singly linked chains. No lock: the
 // caller serialises every call (see include/hash_table.h).
 #include "hash_table.h"

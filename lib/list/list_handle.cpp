@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list handle: creation, destruction and the lock-free accessors.
 #include <cstdlib>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Insertion at the ends, by position and in order, and concatenation of two lists.
 #include <cstdlib>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Removal, search and iteration: the operations that rely on node reference counts so
 // that an iterator may stand on a node while another caller removes it.
 #include "list/list_records.h"

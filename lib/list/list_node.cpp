@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Node life cycle: making, linking, splicing and releasing nodes.
 #include <cstddef>
 #include <cstdlib>

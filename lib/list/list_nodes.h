@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Insertion that tells the caller which node now holds the item. Hidden from the C ABI:
 // the library's own O(1) removals (a pending request, a poller timer) keep the node and
 // later hand it to list_remove instead of searching the list for their item.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Internal records of the locked list and the node operations the exported functions
 // share. Not part of the C ABI: callers only ever see the opaque handles of dm_list.h.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HDC interface: making, opening and closing it, and its name. Sessions and the
 // accept loop are in dm_hdc_server.cpp, sends in dm_hdc_send.cpp, the pipe's reader in
 // dm_hdc_recv.cpp.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What the parts of the HDC interface share: the frame on the channel and in the pipe,
 // access to the address layout and to the channel cell, and the functions one part
 // calls in another.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading the HDC interface's pipe: one frame, as a session thread or a client send
 // wrote it, into a DM_MSG_ST for the framework, on the poller thread.
 #include <cerrno>

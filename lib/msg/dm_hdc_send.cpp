@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending on the HDC interface: the frame, the server path (reply on the session the
 // request came on, then close it) and the client path (connect, send, wait for the
 // answer on the same session).

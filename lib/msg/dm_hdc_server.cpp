@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server side of the HDC interface: the accept thread, one thread per accepted
 // session, the in-session receive (also used by the client path for its answer) and the
 // hand-over of every received frame into the interface's pipe.

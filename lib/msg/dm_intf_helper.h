@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What every transport does the same way with its interface record: registering the
 // finished record, and the two retry slots.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IPC interface: the device manager's message channel as a framework transport.
 // One device-manager descriptor serves as both fd and wfd; every message that arrives
 // becomes a request of the framework.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The self-loop interface: a non-blocking pipe that carries one SELF_MSG_ST frame per
 // message from any thread back to the poller thread of the same process.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command registry and the dispatch of requests. There is no keying by command code:
 // every request goes to the first registration's handler, or, with none, to the
 // context's default handler, whose answer is sent back at once.

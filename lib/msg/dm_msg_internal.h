@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What the parts of the message framework share and nothing outside lib/msg needs: the
 // hidden half of the context, the pending-request and command records, the list
 // callbacks and the dispatch entry points. The transports see none of it except

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework context (dm_init, dm_destroy), the interface registry, the receive path
 // that turns a readable descriptor into a dispatched message, and the debug flag.
 #include <sys/ioctl.h>

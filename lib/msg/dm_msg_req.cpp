@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests: pending records, their time-out timers and re-sends, the stand-in response of
 // a request that timed out, and the matching of responses by req_id.
 //

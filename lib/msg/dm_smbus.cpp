@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SMBus access to the peer at 0x64 on the first I2C bus, through the kernel's I2C
 // character device. Three plain functions; the caller holds the descriptor.
 #include <fcntl.h>

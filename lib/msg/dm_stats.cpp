@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework's counters: per-interface blocks owned by the context, and the extension
 // that reads them (velmar_dm_get_stats).
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UDP interface: one non-blocking IPv4 datagram socket per interface, bound to the
 // interface's own address and watched by the poller; one 4138-byte frame per message.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixed 4138-byte UDP frame: a 42-byte header in the sender's host byte order and
 // the whole 4096-byte data area, whatever the payload's length.
 #include <arpa/inet.h>

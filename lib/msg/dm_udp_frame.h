@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The UDP interface's wire frame, shared by its two source files: formatting a frame for
 // a send and turning a received one into a message.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The blocking call: a request sent with dm_send_req whose answer, or time-out, the
 // calling thread waits for. Tools and simple clients otherwise each write their own
 // condition-variable wait around the response callback.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The poller's life cycle and its loop: creation with the self-notifier pipe, the poll
 // thread, exit and destroy notices, and the release of everything at the end.
 #include <fcntl.h>

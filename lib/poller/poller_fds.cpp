@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptor entries: registration, removal by descriptor and shared mask bits, the
 // descriptor list's callbacks, and the dispatch of one pass's ready descriptors.
 #include <cstdlib>

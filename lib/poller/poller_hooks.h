@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What the message framework needs of the poller beyond the exported API, to destroy a
 // context from one of its own callbacks. Hidden from the C ABI.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Internal records of the event poller and the operations its source files share.
 // Not part of the C ABI: callers only ever see the opaque POLLER_ST of dm_poller.h.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builds the poll array of one loop pass from the descriptor list. The array belongs to
 // the poll thread; it is kept from pass to pass and only ever grows.
 #include <cerrno>

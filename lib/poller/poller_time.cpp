@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time arithmetic of the poller's timers on the adapter's monotonic tick count.
 #include "poller/poller_internal.h"
 

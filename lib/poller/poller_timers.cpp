@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One-shot timers: adding in deadline order, removal by handle, the timer list's
 // callbacks, and the timer step of each loop pass.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads and priority attributes: every task thread of the OS layer starts here.
 #include "vos_osal.h"
 

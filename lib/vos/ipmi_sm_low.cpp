@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timed locks: one record that is a binary or counting semaphore, a recursive mutex with
 // an owner, or a read-write lock, with millisecond time-outs, a waiter list and a
 // self-dead-lock report for semaphores.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message queues on private System V queues. A message carries only a pointer to a heap
 // copy of the payload, which travels with the message from writer to reader.
 #include "vos_queue.h"

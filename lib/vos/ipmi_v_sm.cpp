@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPL lock (the task layer's critical section), wall-clock deadlines for timed waits,
 // and binary semaphores on top of the timed-lock record.
 #include "vos_sm.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Task control blocks: the table, its set-up, task creation, the task thread's entry and
 // deletion. Look-ups are in ipmi_v_task_query.cpp.
 #include "vos_task.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Task look-ups between task numbers, thread identifiers and per-task process numbers,
 // and the small task-side helpers.
 #include "vos_task.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Result codes and type numbers of the timed locks, shared by the lock and semaphore files.
 #pragma once
 

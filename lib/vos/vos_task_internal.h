@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What the task-layer source files share: result codes, the free-value constants, atomic
 // access to the control-block fields that threads touch without the SPL lock, and a
 // scoped SPL guard.

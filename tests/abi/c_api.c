@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Compiled as strict C11: proves that every exported header is valid C and that the
  * exported functions link from C. Each subsystem's calls live in c_api_<subsystem>.c. */
 #include "c_api.h"

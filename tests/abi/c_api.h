@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Shared by the strict-C11 API check files: each defines check_<subsystem>(). */
 #ifndef C_API_CHECK_H
 #define C_API_CHECK_H

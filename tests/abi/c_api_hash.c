@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 #include "c_api.h"
 #include "velmar_sastox.h"
 

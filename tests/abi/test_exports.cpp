@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The dynamic symbol tables of both libraries. The core library exports exactly the
 // specified names of the C ABI (exports/*.txt, one file per subsystem) and the extensions
 // (exports/extensions.list, all velmar_*): nothing C++-mangled, no platform function

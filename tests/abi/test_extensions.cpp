@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The velmar_ extensions as a program sees them: the version it can ask the loaded
 // library, and return codes read by the function that returned them.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The error-line rate limiter is pure logic: driven directly with synthetic clock values.
 #include <gtest/gtest.h>
 

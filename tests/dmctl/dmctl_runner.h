@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Runs dmctl the way a user does: as a separate process, reading its output and exit
 // status. Every test program gets one private simulator directory (set before any
 // simulator call), which the dmctl processes inherit.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl capture and the Wireshark dissector, checked against an exchange whose every
 // field the test knows: two framework contexts in this process talk over UDP on the
 // loopback while `dmctl capture` watches and writes the packets to a file. Then dmctl's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl end to end: a server and its clients as separate processes.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl as a script uses it: exit codes, JSON read back by a real parser (which refuses
 // anything a hand-made printer gets wrong, such as raw bytes of 0x80 and above), raw
 // payload bytes, and what signals do.

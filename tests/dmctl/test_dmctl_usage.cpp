@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl's answers to mistakes: exit status 2 and a message that names the problem.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failure paths of the hash table: memset_s, strcpy_s and (outside sanitizer builds)
 // malloc fail on command. A failed store must return its code, log its line and the
 // "put tag fail" line, and leave the table and the value as they were.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hash table as a caller sees it: a model of every bucket's chain against random
 // stores, replacements and removals (colliding tags are searched for at run time), the
 // release callbacks, listing and counting in 16 bits.

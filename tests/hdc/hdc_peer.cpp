@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other daemon of the two-process HDC tests.
 //
 //   hdc_peer server <intf_num> <count>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A private HDC directory for each test program.
 #include "host_hdc.h"
 #include "support/private_dir.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "hdc/hdc_test_support.h"
 
 #include <unistd.h>

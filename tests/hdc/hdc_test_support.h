@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the HDC tests and their peer program (no GoogleTest in here): contexts with
 // HDC interfaces that are torn down completely, recorders of messages, a raw simulator
 // client that plays a peer byte by byte, and waiting with generous bounds.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two daemons in two processes of one machine: this test program and hdc_peer, one the
 // HDC server and the other the client, in both arrangements.
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HDC interface in one process: init, the server's sessions played byte by byte by a
 // raw simulator client, the pipe's reader, retries shortened by fault injection, many
 // senders at once, and what closing stops.

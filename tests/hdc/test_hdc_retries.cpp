@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The retry loops of opening a server and of connecting a client, counted without
 // waiting: this program replaces sleep() and vos_task_delay(), which the library calls
 // between tries, with versions that only record what they were asked to wait.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's HDC simulator on its own: what the interface's tests do not reach.
 #include <gtest/gtest.h>
 

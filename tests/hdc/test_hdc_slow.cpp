@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HDC interface's real waits: 3000 ms between server creates, and 5 x 3000 ms before
 // a silent session is given up. How often these loops try (and the one-second pauses
 // between connects) is counted without waiting in test_hdc_retries and test_hdc.

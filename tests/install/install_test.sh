@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # install_test.sh BUILD_DIR CONSUMER_SRC LIBDIR CC, with CONSUMER_CFLAGS and
 # CONSUMER_LDFLAGS in the environment (those of the build, sanitizers included).
 # Installs BUILD_DIR into a fresh prefix, checks what landed there, and builds and runs

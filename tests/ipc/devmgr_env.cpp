@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ipc/devmgr_env.h"
 
 #include "host_devmgr.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Gives the test program a private device-manager directory before its first simulator
 // call, so that programs running side by side (other builds, other developers) never
 // see each other's devices. The directory is removed when the program ends.

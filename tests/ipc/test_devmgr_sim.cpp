@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's device-manager simulator, from both sides: what a process sends reaches the
 // device, what a device sends wakes the process's descriptor, and the failure results.
 #include <spawn.h>

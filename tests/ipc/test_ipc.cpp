@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IPC transport end to end: a simulated device talks to a framework context through
 // the host's device-manager simulator.
 #include <dlfcn.h>

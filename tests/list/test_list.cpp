@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The locked list from one thread: a vector model for every insertion and removal,
 // removal under iterators, concatenation, argument checks and injected failures of
 // malloc, memset_s and pthread_mutexattr_settype.

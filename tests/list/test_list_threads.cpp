@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list shared between threads: iterators standing on nodes that other threads
 // remove, writers racing meanwhile, and lock-free readers polling as the poller does.
 // Meant to pass under ThreadSanitizer and AddressSanitizer as well as plainly.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the framework's tests: failure injection into the core library's own calls,
 // a context fixture and a recorder of callbacks.
 #pragma once

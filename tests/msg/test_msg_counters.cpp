@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The counters (velmar_dm_get_stats): each event moves its counters by the expected
 // amount and leaves every other counter of the context and its interfaces alone.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exactly once, with its own answer: identities that memory reuse cannot forge, stale
 // answers, no handler at all, no lock across a callout, destroy from a callback, empty
 // time-outs, and back-pressure on the self-loop.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failing bounds-checked memory calls, one call at a time, during dm_init, selfloop_init
 // and dm_send_req: every failure is reported and leaves nothing behind (no descriptor,
 // no registration, no pending record; the sanitizer builds check memory).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The context, the registry and the self-loop's own rules: argument checks with their
 // codes and log lines, lookups, the receive path, and what dm_destroy leaves behind.
 #include <thread>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Programs that replace poller functions to make a rare moment certain.
 //
 // A request that timed out still held the handle of the timer that had fired. Handles

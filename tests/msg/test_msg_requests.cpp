@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests end to end through the self-loop: answers by a handler and by the default
 // handler, re-sends and the time-out answer, stray answers, many senders, bursts.
 #include <thread>

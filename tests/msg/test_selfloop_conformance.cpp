@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The transport conformance suite, stamped out for the self-loop.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Behaviour every transport must show, written once as a typed GoogleTest suite.
 //
 // A transport is described by a traits type:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Platform adapter: threads with and without attributes, thread names, and sleeping
 // through signals, measured on the monotonic tick.
 #include <gtest/gtest.h>

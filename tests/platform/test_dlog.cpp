@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device log: the level from the environment, whole lines from many threads, the sink
 // and the level override. The environment is read once per process, so those cases run
 // this program again as a child that logs to a file and exits before main().

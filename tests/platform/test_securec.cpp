@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bounds-checked functions, one row per case: the result code, what the destination
 // holds afterwards, and that no byte outside [dest, dest + dest_max) is touched (guard
 // zones on both sides).

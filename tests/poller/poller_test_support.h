@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the poller's tests: a fixture, and platform functions that the test program
 // defines itself (they interpose on the host layer's) to freeze the clock and watch the
 // poll thread.

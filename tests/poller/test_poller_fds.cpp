@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptor entries: callback arguments and copies, removal by shared mask bits, and
 // changes made by other threads and by callbacks while the poll thread runs.
 #include <mutex>

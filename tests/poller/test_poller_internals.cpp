@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The poll array, compiled into this program from its source: it is hidden inside the
 // library, and its capacity cannot be seen through the exported functions.
 #include <functional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Life cycle: who may run and stop the poller, restarting, destroying in each state, the
 // thread's attributes, and failures that must leave nothing behind.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timers: deadline order with first-in ties, callback arguments, removal in each state,
 // and timers added or cancelled by callbacks and other threads.
 #include <mutex>

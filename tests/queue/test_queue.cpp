@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message queues against real private System V queues, whose calls this program replaces
 // so that any of them can fail on command (unarmed, each forwards to the real one). Every
 // queue a test makes is drained (its heap blocks freed) and removed however the test ends.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SMBus access on a fake I2C bus: the exact requests, the documented outcomes, the
 // process-wide failure report, and the safe open through a symbolic link. The program
 // defines ioctl and realpath itself (ELF interposition); calls not aimed at the fake go

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exactly-once soak over loopback UDP: a client context keeps N requests in flight to a
 // server context whose handler drops some requests, answers some twice and replays old
 // answers. Every request must be called back exactly once, with its own payload (or its

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Failure injection. A FaultPoint counts the calls of one function and makes chosen ones
 // fail; this archive holds one for each bounds-checked platform function and replaces
 // those functions (they forward to the real ones otherwise). Test programs use the class

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Capture of the device log, and the wall clock that the library's per-file error rate
 // limiter (one line per 3 s) and its timed semaphores read through gettimeofday, which
 // this archive replaces.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Which function a captured log line names. Operators find a fault by the function in
 // the prefix "[path:line][device monitor] [function line] " (and, for Drv_check and
 // Assert lines, in the "[function line]" of the text); both must name the same function

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A replacement malloc and free for the test programs that reference it, where
 // the build allows one (not under the sanitizers, whose runtimes own malloc).
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Gives a test program a private simulator directory before its first simulator call, so
 // that programs running side by side (other builds, other developers) never see each
 // other's devices or servers. Helper processes inherit it through the environment; it is

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Waiting with generous bounds, timing an action, counting descriptors.
 #pragma once
 

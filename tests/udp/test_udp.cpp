@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UDP interface inside one process, with a plain socket as the peer: set-up and its
 // failures, the bytes on the wire, malformed datagrams, re-sends and time-outs.
 #include <fcntl.h>

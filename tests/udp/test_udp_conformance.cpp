@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The transport conformance suite, stamped out for UDP: the interface sends to its own
 // bound address on the loopback.
 #include <unistd.h>

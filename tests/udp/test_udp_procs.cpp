@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two processes on the loopback: this one sends, the peer program (udp_peer) answers.
 #include <cstdio>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other process of the UDP tests: a framework context whose interface "dm_udp" on
 // 127.0.0.1 and an ephemeral port (printed as "port <n>") answers every request with its
 // own payload. It destroys its context and ends when its standard input closes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "udp_test_support.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the UDP tests: loopback addresses, a plain datagram socket that plays the
 // peer byte for byte, and the peer program (udp_peer) in a process of its own.
 #pragma once

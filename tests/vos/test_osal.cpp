@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread layer: creation with both attribute sets, failure results, cancellation, delay.
 #include <gtest/gtest.h>
 

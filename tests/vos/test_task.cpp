@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Task control blocks: creation, look-ups, reuse of numbers, a full table, deletion from
 // every side (also mid-creation and mid-log-line), the failure paths and a churn. The
 // table is process-wide: one environment sets it up; every test starts and ends with no

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timed locks and the semaphores and SPL lock on top of them: the four lock kinds,
 // hand-over between threads, time-outs, cancelled waiters, the waiter list and the
 // dead-lock report.

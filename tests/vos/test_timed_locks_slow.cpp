@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Long time-outs give up at 80 %: checked with real multi-second waits.
 #include <gtest/gtest.h>
 

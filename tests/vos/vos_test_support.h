@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers shared by the OS-layer test programs: a latch, scheduling privileges and
 // timed-lock records.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // devmgr-device: plays one device of the host's device-manager simulator from a shell.
 //
 //   devmgr-device DEV_ID listen [--count N] [--timeout MS]

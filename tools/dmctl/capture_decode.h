@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What dmctl capture makes of a captured packet: the IPv4 UDP datagram in it (put back
 // together when it came in fragments, as every frame does off the loopback), and the
 // framework frame in that datagram. Knows nothing of libpcap beyond its link-type

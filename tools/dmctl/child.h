@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A dmctl started by dmctl (fork and exec of /proc/self/exe), whose standard output is
 // read line by line; used by demo to run its servers as separate processes.
 #ifndef DMCTL_CHILD_H

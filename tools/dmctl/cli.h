@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Command-line parsing shared by the subcommands: a small option table, value parsers
 // and the usage-error convention (message on stderr, exit status 2).
 #ifndef DMCTL_CLI_H

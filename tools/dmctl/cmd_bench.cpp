@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl bench: closed-loop load against a server.
 //
 // A fixed number of requests is kept in flight. Over UDP and IPC the response callback

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl capture: the framework's UDP frames on the wire, through libpcap.
 //
 // A frame is 4138 bytes, more than an Ethernet MTU, so off the loopback every frame

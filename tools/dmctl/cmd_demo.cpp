@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl demo: one self-contained run that shows the framework working, as a transcript:
 // the self-loop inside this process, UDP on loopback and HDC through the host simulator
 // to servers that are separate processes (this program started again as

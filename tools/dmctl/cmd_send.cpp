@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl send: one request, its answer or its time-out.
 #include <algorithm>
 #include <cerrno>

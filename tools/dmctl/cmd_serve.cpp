@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl serve: a responder on any transport; echoes each request's payload.
 //
 // Every request arrives on the poller thread, which also runs every other callback and

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The subcommands; each takes the whole argv (argv[1] is its name) and returns the exit
 // status: 0 success, 1 timed out (or, for bench and demo, something went wrong), 2 usage
 // or set-up error.

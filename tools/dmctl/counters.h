@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Counting without help from the library: dmctl wraps the operation slots of the
 // interfaces it opens (send_msg, recv_msg) and supplies their timeout_hndl, so that it
 // sees every send and re-send of a request, every frame read, every frame a transport

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The framework context and the interfaces dmctl opens on it, one per transport, with
 // the clean-up the library leaves to its user (HDC channels, extra UDP sockets).
 #ifndef DMCTL_ENDPOINT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HDC endpoints: a server of device N (role 1) or a client that connects to device N.
 #include <fcntl.h>
 #include <sys/file.h>

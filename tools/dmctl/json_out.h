@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // dmctl's machine-readable output: one JSON object per line, made by nlohmann::json so
 // that every string is escaped as JSON requires (payload bytes never reach it raw).
 #ifndef DMCTL_JSON_OUT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The library's own counters (velmar_dm_get_stats) as dmctl prints them: at the end of
 // serve and bench, and every --stats SECONDS while they run.
 #ifndef DMCTL_LIB_STATS_H

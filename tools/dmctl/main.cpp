@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // dmctl: a command-line peer for the framework's transports, built on the public C API.
 #include <cstdio>
 #include <cstdlib>

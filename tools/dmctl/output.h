@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Printing shared by the subcommands: payloads as text and hex, peer addresses,
 // durations, JSON strings.
 #ifndef DMCTL_OUTPUT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // One request at a time, sent from the calling thread, with its answer or time-out
 // waited for: what send and demo do.
 #ifndef DMCTL_REQUEST_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The platform functions that the core library calls and never defines. On a device
  * they come from the platform's own libraries; on a Linux host from libvelmar_hostplat.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The host's device-manager simulator: what stands behind devdrv_open_device_manager,
  * devdrv_imu_dmp_msg_send and devdrv_imu_dmp_msg_recv on a Linux host, and the device

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The host's HDC simulator: what stands behind the drvHdc* and halHdc* calls of
  * dm_platform.h on a Linux host without a device, so that HDC daemons talk to each other

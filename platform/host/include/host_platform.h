@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Extras of the Linux host platform layer (libvelmar_hostplat) that a device platform
  * does not have: the failure codes of the bounds-checked functions and the hooks that

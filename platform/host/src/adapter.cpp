@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform adapter on a POSIX host: thin wrappers over pthreads, clocks and file
 // descriptors. Results follow the calls they wrap: thread and mutex functions return
 // the pthread error number (0 on success), file functions a count or -1 with errno set.

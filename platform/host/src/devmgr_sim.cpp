@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device-manager message channel as the process sees it, simulated with datagram
 // sockets in a run-time directory (design in host_devmgr.h).
 #include <unistd.h>

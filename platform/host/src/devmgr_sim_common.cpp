@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device-manager simulator's shared machinery: directory, names, datagrams, faults.
 #include <dirent.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device side of the device-manager simulator: a test thread, another process or
 // the devmgr-device tool plays a device through these calls (design in host_devmgr.h).
 #include <poll.h>

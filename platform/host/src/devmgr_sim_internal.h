@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the two halves of the device-manager simulator (process side and device
 // side): the run-time directory, endpoint names, the datagram layout and socket helpers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device log service of the host platform layer.
 //
 // The level and the output come from the environment, read once on first use. Each

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The HDC simulator's shared machinery: directory, handles, faults, waiting, packets.
 #include <poll.h>
 #include <time.h>

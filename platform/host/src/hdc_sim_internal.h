@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the parts of the HDC simulator (design in host_hdc.h): the run-time
 // directory, the handle tables, the records behind handles, fault injection and the
 // socket helpers.

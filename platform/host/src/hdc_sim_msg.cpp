@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HDC message buffers of the simulator and the channel's capacity.
 #include <new>
 

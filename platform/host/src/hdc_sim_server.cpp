@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HDC servers of the simulator: a listening packet socket per device id and service
 // type, owned through an flock, and the accept that a destroy can wake.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HDC clients and sessions of the simulator: connect with a hello, whole-packet send and
 // receive with time-outs, close that wakes blocked callers, session attributes.
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bounds-checked memory and string functions of the host platform layer. The failure
 // codes and what each failure leaves in the destination are documented in
 // host_platform.h; the rule behind all of them is that nothing is ever written at or

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the HDC and device-manager simulators share (sim_common.h).
 #include "sim_common.h"
 

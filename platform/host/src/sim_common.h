@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What the HDC and device-manager simulators share: the run-time directory where their
 // sockets live, Unix socket addresses in it, and the table of injected failures.
 #pragma once

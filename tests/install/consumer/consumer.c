@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A small daemon built against an installed libvelmar_sastox: it answers requests on a
  * UDP port of 127.0.0.1 and sends itself one request there, as a peer would. Exit
