@@ -55,21 +55,17 @@ summary() {
 }
 
 status=0
-pids=()
-names=()
+declare -A running=()
+finish_one() {
+  local pid
+  wait -n -p pid "${!running[@]}" || { status=1; echo "fuzz: ${running[$pid]} FAILED, see build/fuzz/logs/${running[$pid]}.log" >&2; }
+  summary "${running[$pid]}"
+  unset "running[$pid]"
+}
 for t in "${targets[@]}"; do
+  [ ${#running[@]} -lt "$parallel" ] || finish_one
   run_one "$t" &
-  pids+=($!)
-  names+=("$t")
-  if [ ${#pids[@]} -ge "$parallel" ]; then
-    wait "${pids[0]}" || { status=1; echo "fuzz: ${names[0]} FAILED, see build/fuzz/logs/${names[0]}.log" >&2; }
-    summary "${names[0]}"
-    pids=("${pids[@]:1}")
-    names=("${names[@]:1}")
-  fi
+  running[$!]=$t
 done
-for i in "${!pids[@]}"; do
-  wait "${pids[$i]}" || { status=1; echo "fuzz: ${names[$i]} FAILED, see build/fuzz/logs/${names[$i]}.log" >&2; }
-  summary "${names[$i]}"
-done
+while [ ${#running[@]} -gt 0 ]; do finish_one; done
 exit $status
