@@ -33,39 +33,17 @@
 #include "dm_msg.h"
 #include "dm_udp.h"
 #include "../tests/udp/udp_test_support.h" // loopback_addr, bound_port (inline)
+#include "bench_procs.h"
 
 namespace {
+
+using namespace bench;
 
 using Clock = std::chrono::steady_clock;
 constexpr uint32_t kBatch = 2000;
 constexpr uint16_t kPayload = 64;
 
 int64_t now_ns() { return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count(); }
-
-[[noreturn]] void die(const char *what)
-{
-    perror(what);
-    _exit(1);
-}
-
-// Servers on the last core, clients on the first (on a one-core machine both share it).
-void pin_to(bool server)
-{
-    const long cores = sysconf(_SC_NPROCESSORS_ONLN);
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(server && cores > 1 ? static_cast<int>(cores - 1) : 0, &set);
-    (void)sched_setaffinity(0, sizeof(set), &set);
-}
-
-// The framework's poller threads run SCHED_RR at priority 60 where the process may ask
-// for it; the raw loops get the same, so that both wake up alike.
-void match_poller_policy()
-{
-    sched_param param{};
-    param.sched_priority = 60;
-    (void)pthread_setschedparam(pthread_self(), SCHED_RR, &param);
-}
 
 int raw_socket()
 {
@@ -135,41 +113,6 @@ void serve_raw(int report, int control, bool greedy)
 }
 void serve_gentle(int report, int control) { serve_raw(report, control, false); }
 void serve_greedy(int report, int control) { serve_raw(report, control, true); }
-
-struct Server {
-    pid_t pid;
-    int control;
-    uint16_t port;
-};
-
-Server start_server(void (*serve)(int, int))
-{
-    int report[2];
-    int control[2];
-    if (pipe(report) != 0 || pipe(control) != 0) {
-        die("pipe");
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(control[1]);
-        serve(report[1], control[0]);
-        _exit(0);
-    }
-    close(control[0]);
-    close(report[1]);
-    uint16_t port = 0;
-    if (read(report[0], &port, sizeof(port)) != sizeof(port)) {
-        die("server start");
-    }
-    close(report[0]);
-    return {pid, control[1], port};
-}
-
-void stop_server(const Server &server)
-{
-    close(server.control);
-    waitpid(server.pid, nullptr, 0);
-}
 
 Server g_framework_server;
 Server g_gentle_server;
